@@ -1,0 +1,28 @@
+#pragma once
+
+// fmt formatter of paths: their text form, or the failure text of PathToStr.
+
+#include <fmt/format.h>
+
+#include "settings_manager/paths.h"
+#include "uvc/format.h"
+
+template <>
+struct fmt::formatter<uvc::Path> : fmt::formatter<fmt::string_view> {
+  template <typename Context>
+  auto format(uvc::Path const& path, Context& ctx) const {
+    auto const text = settings_manager::PathToStr(path);
+    return fmt::formatter<fmt::string_view>::format(fmt::string_view(text), ctx);
+  }
+};
+
+#include "settings_manager/interfaces.h"
+
+// A subscription id prints as its plain number; the format specification passes through.
+template <>
+struct fmt::formatter<settings_manager::SubscriptionId> : fmt::formatter<std::uint64_t> {
+  template <typename Context>
+  auto format(settings_manager::SubscriptionId value, Context& ctx) const {
+    return fmt::formatter<std::uint64_t>::format(static_cast<std::uint64_t>(value), ctx);
+  }
+};

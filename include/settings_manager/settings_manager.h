@@ -1,0 +1,10 @@
+#pragma once
+
+// Everything a client of the settings manager needs.
+
+#include "settings_manager/config.h"
+#include "settings_manager/interfaces.h"
+#include "settings_manager/paths.h"
+#include "settings_manager/setting.h"
+#include "uvc/id.h"
+#include "uvc/path.h"

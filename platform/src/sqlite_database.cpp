@@ -1,0 +1,80 @@
+#include "db_wrappers/sqlite/database.h"
+
+#include <sqlite3.h>
+
+#include "sqlite_like.h"
+
+namespace db_wrappers::sqlite {
+
+// The concrete connection. Named (not anonymous) because Query befriends it.
+class SqliteDatabase final : public IDatabase {
+ public:
+  explicit SqliteDatabase(sqlite3* handle) noexcept : handle_(handle) {}
+  SqliteDatabase(SqliteDatabase const&) = delete;
+  SqliteDatabase& operator=(SqliteDatabase const&) = delete;
+
+  // close_v2: a Query that outlives its connection still finalizes safely; the handle is
+  // freed with the last statement.
+  ~SqliteDatabase() override { sqlite3_close_v2(handle_); }
+
+  // IMMEDIATE takes the write lock at once: two writers that each began deferred could
+  // both hold read locks and then deadlock upgrading.
+  Query Begin() override { return Run("BEGIN IMMEDIATE"); }
+  Query Commit() override { return Run("COMMIT"); }
+  Query Rollback() override { return Run("ROLLBACK"); }
+
+  std::string LastError() const override { return sqlite3_errmsg(handle_); }
+  sqlite3* Handle() const noexcept override { return handle_; }
+
+ private:
+  // A failed statement comes back as an empty Query: Statement() is null.
+  Query Run(char const* sql) {
+    Query query(handle_);
+    if (fdn::Failed(query.Prepare(sql)) || fdn::Failed(query.Next())) return Query(handle_);
+    return query;
+  }
+
+  sqlite3* handle_;
+};
+
+namespace {
+
+int Exec(sqlite3* db, char const* sql) noexcept {
+  return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+}
+
+// Everything after the open call itself; SQLITE_OK or the extended code of the failure.
+int Configure(sqlite3* db) noexcept {
+  // Waits for another connection's lock (also during the pragmas below) instead of
+  // failing at once with SQLITE_BUSY.
+  sqlite3_busy_timeout(db, 5000);
+  // WAL: a commit costs one fsync of the log, not of the database and a rollback journal.
+  // A ":memory:" database cannot use WAL; we accept the mode SQLite reports.
+  if (int rc = Exec(db, "PRAGMA journal_mode=WAL"); rc != SQLITE_OK) return rc;
+  // FULL: a commit that returned survives a power cut; NORMAL in WAL may lose it.
+  if (int rc = Exec(db, "PRAGMA synchronous=FULL"); rc != SQLITE_OK) return rc;
+  return like::Register(db);
+}
+
+}  // namespace
+
+int Wrapper::Open(std::string const& path, std::unique_ptr<IDatabase>& out) {
+  sqlite3* db = nullptr;
+  // NOMUTEX: the library serialises every call on a connection under its own lock, so
+  // SQLite's per-connection mutex would only cost time.
+  int rc = sqlite3_open_v2(path.c_str(), &db,
+                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                           nullptr);
+  if (db == nullptr) return MakeError(SQLITE_NOMEM);
+  // Extended codes tell e.g. a UNIQUE violation from other constraint failures.
+  sqlite3_extended_result_codes(db, 1);
+  rc = rc == SQLITE_OK ? Configure(db) : sqlite3_extended_errcode(db);
+  if (rc != SQLITE_OK) {
+    sqlite3_close_v2(db);
+    return MakeError(rc);
+  }
+  out = std::make_unique<SqliteDatabase>(db);
+  return 0;
+}
+
+}  // namespace db_wrappers::sqlite

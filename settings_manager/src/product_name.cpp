@@ -1,0 +1,8 @@
+#include "settings_manager/product.h"
+
+#ifndef SM_PRODUCT_NAME
+#error "SM_PRODUCT_NAME must be defined by the build"
+#endif
+
+extern "C" SETTINGS_MANAGER_API __attribute__((section(".sdk_prod_name"), used))
+char const sdkProdName[] = SM_PRODUCT_NAME;

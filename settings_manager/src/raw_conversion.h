@@ -1,0 +1,29 @@
+#pragma once
+
+// A subtree as its ordered list of records, and back.
+
+#include <vector>
+
+#include "raw_setting.h"
+#include "settings_manager/setting.h"
+#include "uvc/error.h"
+#include "uvc/id.h"
+
+namespace settings_manager {
+
+// The records of `setting` and its whole subtree placed at `path`, parents before
+// children, map entries in key order, list elements in index order. On success `out`
+// holds exactly these records; on failure it is left as it was.
+uvc::Result Serialize(uvc::Path const& path, Setting const& setting,
+                      std::vector<impl::RawItem>& out);
+uvc::Result Serialize(uvc::aux::RefRange const& path, Setting const& setting,
+                      std::vector<impl::RawItem>& out);
+
+// Rebuilds the subtree whose root is the first record. The records must come in
+// ascending order of path text (as the database hands them over): the parent of each is
+// found by depth alone. On success moves the head's path and the subtree into
+// `headPath` and `head`; on failure leaves both as they were.
+uvc::Result Deserialize(std::vector<impl::RawItem> const& items, uvc::Path& headPath,
+                        Setting& head);
+
+}  // namespace settings_manager

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "db_wrappers/sqlite/database.h"
+#include "raw_setting.h"
+
+namespace settings_db {
+
+// The settings database file: table `data` holds one row per node (path text, value
+// record, attribute record), table `meta` the schema version "1".
+//
+// Either fully built (file open, schema verified) or its constructor has thrown. Not
+// thread-safe: its bind holders change on every call, so one thread at a time.
+// Failures throw uvc::Error with a "[SMDB] " message; nothing is logged here but the
+// schema progress.
+class SettingsDB {
+ public:
+  using RawItems = std::vector<settings_manager::impl::RawItem>;
+
+  // Opens or creates the file at `path` and verifies, or in a new file creates, the
+  // schema. An empty path throws std::runtime_error and touches nothing.
+  explicit SettingsDB(std::string const& path);
+  ~SettingsDB();
+  SettingsDB(SettingsDB const&) = delete;
+  SettingsDB& operator=(SettingsDB const&) = delete;
+
+  // The rows of the node at `path` (a path text) and its descendants, in ascending order
+  // of path text; empty when there is no such row. The first row must be the node
+  // itself.
+  RawItems Get(std::string const& path) const;
+
+  // Replaces, in one transaction, the stored subtree of the first record by `items`:
+  // all rows replaced or none. Returns how many rows the old subtree had.
+  int Set(RawItems const& items) const;
+
+  // Sets the attribute record of the row whose path text is exactly `path`; returns the
+  // number of rows changed (0 or 1).
+  int Upd(std::string const& path, settings_manager::impl::RawAttrib const& attrib) const;
+
+  // Deletes the node at `path` and its descendants; returns the number of rows deleted.
+  // The empty path deletes every row.
+  int Del(std::string const& path) const;
+
+  // True unless `code` is the row-ready code: the query produced no row.
+  static bool EmptySelect(int code) noexcept;
+
+ private:
+  using Query = db_wrappers::sqlite::Query;
+
+  bool VerifySchema() const;
+  void CreateSchema() const;
+  bool TableExists(char const* name) const;
+
+  // Prepares `sql` on `query`, binds the arguments from position 1 and takes the first
+  // step; returns the step's code (row ready or done).
+  template <typename... Args>
+  int Exec(Query& query, std::string_view sql, Args const&... args) const;
+  // Prepares and steps a statement without parameters on a Query of its own.
+  Query Exec(std::string_view sql) const;
+
+  // Binds every argument at positions 1, 2, 3 ... even after a failure; returns the code
+  // of the last failed bind, or 0.
+  template <typename... Args>
+  int Bind(Query& query, Args const&... args) const;
+  int BindOne(Query& query, int position, std::string const& text) const;
+  int BindOne(Query& query, int position, settings_manager::impl::Bytes const& blob) const;
+
+  mutable db_wrappers::sqlite::DbValue text_;  // reused to bind every text
+  mutable db_wrappers::sqlite::DbValue blob_;  // reused to bind every blob
+  std::unique_ptr<db_wrappers::sqlite::IDatabase> db_;
+};
+
+}  // namespace settings_db
