@@ -43,14 +43,32 @@ int Exec(sqlite3* db, char const* sql) noexcept {
   return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
 }
 
+// The file's size in pages; 0 for a file that does not exist yet or is empty.
+int PageCount(sqlite3* db, int& pages) noexcept {
+  sqlite3_stmt* statement = nullptr;
+  int rc = sqlite3_prepare_v2(db, "PRAGMA page_count", -1, &statement, nullptr);
+  if (rc == SQLITE_OK && sqlite3_step(statement) == SQLITE_ROW)
+    pages = sqlite3_column_int(statement, 0);
+  else
+    rc = sqlite3_extended_errcode(db);
+  sqlite3_finalize(statement);
+  return rc;
+}
+
 // Everything after the open call itself; SQLITE_OK or the extended code of the failure.
 int Configure(sqlite3* db) noexcept {
   // Waits for another connection's lock (also during the pragmas below) instead of
   // failing at once with SQLITE_BUSY.
   sqlite3_busy_timeout(db, 5000);
   // WAL: a commit costs one fsync of the log, not of the database and a rollback journal.
-  // A ":memory:" database cannot use WAL; we accept the mode SQLite reports.
-  if (int rc = Exec(db, "PRAGMA journal_mode=WAL"); rc != SQLITE_OK) return rc;
+  // Only a new file is switched: an existing one keeps its mode, so that opening never
+  // rewrites a file that may yet be refused (with synchronous=FULL every mode is
+  // durable). A ":memory:" database cannot use WAL; we accept the mode SQLite reports.
+  int pages = 0;
+  if (int rc = PageCount(db, pages); rc != SQLITE_OK) return rc;
+  if (pages == 0) {
+    if (int rc = Exec(db, "PRAGMA journal_mode=WAL"); rc != SQLITE_OK) return rc;
+  }
   // FULL: a commit that returned survives a power cut; NORMAL in WAL may lose it.
   if (int rc = Exec(db, "PRAGMA synchronous=FULL"); rc != SQLITE_OK) return rc;
   return like::Register(db);

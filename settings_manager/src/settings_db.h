@@ -28,9 +28,15 @@ class SettingsDB {
   SettingsDB(SettingsDB const&) = delete;
   SettingsDB& operator=(SettingsDB const&) = delete;
 
-  // The rows of the node at `path` (a path text) and its descendants, in ascending order
-  // of path text; empty when there is no such row. The first row must be the node
-  // itself.
+  // Path texts are those of the id rules: every identifier followed by the separator,
+  // the root empty. Get, Set (first record) and Del match them as raw byte prefixes, so a
+  // text without its final separator ("a/b") would also take the siblings that begin
+  // with it ("a/bc/").
+
+  // The rows of the node at `path` and its descendants, in ascending byte order of path
+  // text; empty when nothing is stored under `path`. Throws "Get: wrong head node" when
+  // descendants are stored without the node's own row, and std::bad_variant_access when
+  // a column holds another kind of value than the schema's (text path, blob records).
   RawItems Get(std::string const& path) const;
 
   // Replaces, in one transaction, the stored subtree of the first record by `items`:

@@ -49,6 +49,24 @@ TEST(WrapperOpen, FileThatIsNoDatabaseFailsAtTheFirstPragma) {
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), junk);
 }
 
+TEST(WrapperOpen, ExistingFileKeepsItsJournalModeAndBytes) {
+  TempDir dir;
+  std::string const path = dir.File("foreign.db");
+  SqliteFile(path).Exec("PRAGMA journal_mode=DELETE; CREATE TABLE other(x); INSERT INTO other VALUES (1);");
+  auto const read = [&path] {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  std::string const before = read();
+  {
+    std::unique_ptr<IDatabase> db;
+    ASSERT_EQ(Wrapper().Open(path, db), 0);
+    EXPECT_EQ(Scalar(db, "PRAGMA journal_mode", alt::kText), DbValue(std::string("delete")));
+    EXPECT_EQ(Scalar(db, "PRAGMA synchronous", alt::kInt64), DbValue(std::int64_t{2}));
+  }
+  EXPECT_EQ(read(), before);
+}
+
 TEST(WrapperOpen, MemoryDatabaseKeepsTheJournalModeSqliteReports) {
   std::unique_ptr<IDatabase> db;
   ASSERT_EQ(Wrapper().Open(":memory:", db), 0);
