@@ -1,17 +1,33 @@
 #pragma once
 
+#include <utility>
+#include <variant>
+
 #include "settings_manager/setting.h"
-#include "uvc/tree.h"
+#include "uvc/id.h"
 
 namespace settings_manager {
 
-// Undoes a creation unless disarmed: erases the created name from `parent`, or blanks a
-// created list element in place (later positions stay valid). Never throws.
+// Undoes a creation unless disarmed: erases the created name from the map `parent`, or
+// resets a created element of the list `parent` to a default (None, writable) node. The
+// list keeps its length, so that the positions of later elements stay valid. Anything
+// else (the id no longer there, a parent of another kind) is left alone. Never throws.
 class AutoDel {
  public:
-  AutoDel(Setting& parent, uvc::Id child) : parent_(parent), child_(std::move(child)) {}
+  AutoDel(Setting& parent, uvc::Id child) noexcept : parent_(parent), child_(std::move(child)) {}
   ~AutoDel() {
-    if (armed_) uvc::DelItem(parent_, child_, false);
+    if (!armed_) return;
+    if (auto const* key = std::get_if<1>(&child_)) {
+      if (auto* map = std::get_if<uvc::index::kMap>(&parent_)) {
+        auto const it = map->find(*key);
+        if (it != map->end()) map->erase(it);
+      }
+    } else if (auto const* number = std::get_if<0>(&child_)) {
+      auto* list = std::get_if<uvc::index::kList>(&parent_);
+      // The attributes go too: a failed creation must not leave a read-only mark behind.
+      if (list != nullptr && *number < list->size())
+        (*list)[static_cast<std::size_t>(*number)] = Setting();
+    }
   }
   AutoDel(AutoDel const&) = delete;
   AutoDel& operator=(AutoDel const&) = delete;

@@ -3,6 +3,7 @@
 #include "auto_del.h"
 #include "log.h"
 #include "settings_manager.h"
+#include "uvc/tree.h"
 
 namespace settings_manager {
 
@@ -68,8 +69,12 @@ int SettingsManager::CreateSetting(uvc::Path const& path, Setting const& value) 
       }
       if (existing == target.size()) return *parent == created ? fdn::rc::kFalse : fdn::rc::kFound;
 
-      uvc::SetItem(*parent, uvc::aux::MakeRefRange(static_cast<std::int64_t>(existing), target.size(), target),
-                   std::move(created), uvc::edit_mode::Insert);
+      // Every missing level is made: a new key of a map, and a list index at or beyond
+      // the end (the gap before it is filled with None).
+      uvc::SetItem(
+          *parent,
+          uvc::aux::MakeRefRange(static_cast<std::int64_t>(existing), target.size(), target),
+          std::move(created), uvc::edit_mode::Append | uvc::edit_mode::Insert);
       if (db) {
         // The rows come from the grown tree, so the tree changes first and is undone
         // when the database refuses. The deepest existing node's whole subtree is
