@@ -1,16 +1,43 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds the release configuration and runs the example device
-# program twice on build/demo/device_settings.db: the second run shows that the first
-# run's change persisted. Delete that file to start over.
+# Installs what is missing, builds the release configuration and shows settingsctl on
+# build/demo/device.db: imports the example device configuration, changes a value, reads
+# it back, dumps the tree and watches a few changes. Then runs the example device program
+# once (the C++ API) on build/demo/device_settings.db. Safe to run again: the import puts
+# the example configuration back.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 cmake --preset release >/dev/null
-cmake --build --preset release -j "$(nproc)" --target device_settings
+cmake --build --preset release -j "$(nproc)" --target settingsctl device_settings
 mkdir -p build/demo
 cd build/demo
-for run in 1 2; do
-  echo "=== run $run: device_settings ==="
-  ../release/examples/device_settings
+settingsctl=../release/tools/settingsctl/settingsctl
+
+# Shows the command, runs it and passes on its exit status.
+ctl() {
+  echo "\$ settingsctl --db device.db $*"
+  local status=0
+  "$settingsctl" --db device.db "$@" || status=$?
+  if [ "$status" -ne 0 ]; then echo "(exit status $status)"; fi
   echo
-done
+  return "$status"
+}
+
+ctl import ../../examples/device.json
+ctl set device/network/port 8081
+ctl get device/network/port
+ctl set device/firmware/version 9.9.9 || true  # read-only: refused
+ctl dump device
+
+echo "\$ settingsctl --db device.db watch device/network   (commands from standard input)"
+"$settingsctl" --db device.db watch device/network <<'EOF'
+set device/network/mtu 9000
+create device/network/ntp pool.ntp.org
+attr device/network/ntp --read-only=true
+delete device/network/ntp
+set device/network/mtu 1500
+EOF
+echo
+
+echo "=== the C++ API: examples/device_settings ==="
+../release/examples/device_settings device_settings.db

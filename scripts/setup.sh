@@ -6,8 +6,10 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ pkg-config
   libsqlite3-dev sqlite3 libfmt-dev
+  libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   binutils
+  make doxygen dpkg-dev file
 )
 
 missing=()

@@ -1,12 +1,17 @@
 #pragma once
 
-// fmt formatter of paths: their text form, or the failure text of PathToStr.
+/// \file
+/// fmt formatters of the settings vocabulary, for `fmt::format("{}", ...)`:
+/// - `uvc::Path` prints its text form, or the failure text of settings_manager::PathToStr;
+/// - settings_manager::SubscriptionId prints as its plain number; the format specification
+///   passes through.
 
 #include <fmt/format.h>
 
 #include "settings_manager/paths.h"
 #include "uvc/format.h"
 
+/// \cond FORMATTERS
 template <>
 struct fmt::formatter<uvc::Path> : fmt::formatter<fmt::string_view> {
   template <typename Context>
@@ -15,10 +20,12 @@ struct fmt::formatter<uvc::Path> : fmt::formatter<fmt::string_view> {
     return fmt::formatter<fmt::string_view>::format(fmt::string_view(text), ctx);
   }
 };
+/// \endcond
 
 #include "settings_manager/interfaces.h"
 
 // A subscription id prints as its plain number; the format specification passes through.
+/// \cond FORMATTERS
 template <>
 struct fmt::formatter<settings_manager::SubscriptionId> : fmt::formatter<std::uint64_t> {
   template <typename Context>
@@ -26,3 +33,4 @@ struct fmt::formatter<settings_manager::SubscriptionId> : fmt::formatter<std::ui
     return fmt::formatter<std::uint64_t>::format(static_cast<std::uint64_t>(value), ctx);
   }
 };
+/// \endcond

@@ -2,6 +2,9 @@
 
 #include "settings_manager/export.h"
 
-// The product identification text of the shared library, kept in a section of its own
-// (.sdk_prod_name) so that tools can read it from the file without loading it.
+/// \file
+/// The product identification text.
+
+/// The product identification text of the shared library, kept in a section of its own
+/// (.sdk_prod_name) so that tools can read it from the file without loading it.
 extern "C" SETTINGS_MANAGER_API char const sdkProdName[];

@@ -1,6 +1,7 @@
 #pragma once
 
-// Everything a client of the settings manager needs.
+/// \file
+/// Everything a client of the settings manager needs: include this one header.
 
 #include "settings_manager/config.h"
 #include "settings_manager/interfaces.h"

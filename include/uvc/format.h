@@ -1,7 +1,9 @@
 #pragma once
 
-// fmt formatters of the uvc vocabulary: IdState prints its number; a Result prints the
-// display text of its code (the pair's own text is not printed).
+/// \file
+/// fmt formatters of the uvc vocabulary: uvc::IdState prints its number; a uvc::Result
+/// prints the display text of its code (fdn::ResultCodeText; the pair's own text is not
+/// printed).
 
 #include <fmt/format.h>
 
@@ -11,6 +13,7 @@
 #include "uvc/error.h"
 #include "uvc/path.h"
 
+/// \cond FORMATTERS
 template <>
 struct fmt::formatter<uvc::IdState> : fmt::formatter<unsigned> {
   template <typename Context>
@@ -18,7 +21,9 @@ struct fmt::formatter<uvc::IdState> : fmt::formatter<unsigned> {
     return fmt::formatter<unsigned>::format(static_cast<unsigned>(state), ctx);
   }
 };
+/// \endcond
 
+/// \cond FORMATTERS
 template <>
 struct fmt::formatter<uvc::Result> : fmt::formatter<fmt::string_view> {
   template <typename Context>
@@ -27,3 +32,4 @@ struct fmt::formatter<uvc::Result> : fmt::formatter<fmt::string_view> {
     return fmt::formatter<fmt::string_view>::format(fmt::string_view(text), ctx);
   }
 };
+/// \endcond

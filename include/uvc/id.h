@@ -1,5 +1,8 @@
 #pragma once
 
+/// \file
+/// Ids and paths: the addresses of nodes in a tree.
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -8,15 +11,15 @@
 
 namespace uvc {
 
-// One step of a path: a list index (alternative 0) or a map key (alternative 1).
+/// One step of a path: a list index (alternative 0) or a map key (alternative 1).
 using Id = std::variant<std::uint64_t, std::string>;
 
-// The steps from the root to a node; the empty path names the root. Paths order
-// lexicographically id by id, every index before every key, numbers numerically and
-// keys bytewise: the default ordering of std::vector and std::variant.
+/// The steps from the root to a node; the empty path names the root. Paths order
+/// lexicographically id by id, every index before every key, numbers numerically and
+/// keys bytewise: the default ordering of std::vector and std::variant.
 using Path = std::vector<Id>;
 
-// The process-wide empty path, made on first use.
+/// The process-wide empty path, made on first use.
 inline Path const& Root() {
   static Path const root;
   return root;
@@ -24,13 +27,14 @@ inline Path const& Root() {
 
 namespace aux {
 
-// A view of part of a path: references to the ids of a Path that outlives it.
+/// A view of part of a path: references to the ids of a Path that outlives it.
 using RefWrapper = std::reference_wrapper<Id const>;
+/// A range of such references, as uvc::SetItem takes it.
 using RefRange = std::vector<RefWrapper>;
 
-// The ids of `path` from `begin` up to but not including `end`. A negative `begin`
-// counts from the end of the path; both ends are clamped to the path, so a `begin`
-// beyond the size gives an empty range.
+/// The ids of `path` from `begin` up to but not including `end`. A negative `begin`
+/// counts from the end of the path; both ends are clamped to the path, so a `begin`
+/// beyond the size gives an empty range.
 inline RefRange MakeRefRange(std::int64_t begin, std::size_t end, Path const& path) {
   auto const size = static_cast<std::int64_t>(path.size());
   if (begin < 0) begin = begin + size < 0 ? 0 : begin + size;
@@ -40,7 +44,7 @@ inline RefRange MakeRefRange(std::int64_t begin, std::size_t end, Path const& pa
   return range;
 }
 
-// Makes a Path from a range of ids or id references.
+/// Makes a Path from a range of ids or id references.
 template <typename Ids>
 Path ToPath(Ids const& ids) {
   Path path;

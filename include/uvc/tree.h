@@ -1,8 +1,9 @@
 #pragma once
 
-// Generic operations on a tree of nodes S, where S derives from uvc::TValue<S>: look a
-// child up, store a value at an id or a path, remove a child, walk a subtree.
-// GetItem and SetItem throw uvc::Error (or std::bad_variant_access); DelItem returns codes.
+/// \file
+/// Generic operations on a tree of nodes S, where S derives from uvc::TValue<S>: look a
+/// child up, store a value at an id or a path, remove a child, walk a subtree.
+/// GetItem and SetItem throw uvc::Error (or std::bad_variant_access); DelItem returns codes.
 
 #include <cstdint>
 #include <type_traits>
@@ -15,22 +16,23 @@
 
 namespace uvc {
 
-// Flags of SetItem.
+/// Flags of SetItem.
 using EditMode = std::uint8_t;
 namespace edit_mode {
-constexpr EditMode Append = 1;   // a list index at or beyond the end: the list grows
-constexpr EditMode Insert = 2;   // a map key not yet present
-constexpr EditMode Replace = 4;  // overwrite an existing element or entry, or a node on
-                                 // the path whose kind does not fit the next id
-constexpr EditMode All = Append | Insert | Replace;
+constexpr EditMode Append = 1;   ///< a list index at or beyond the end: the list grows
+constexpr EditMode Insert = 2;   ///< a map key not yet present
+constexpr EditMode Replace = 4;  ///< overwrite an existing element or entry, or a node on
+                                 ///< the path whose kind does not fit the next id
+constexpr EditMode All = Append | Insert | Replace;  ///< every store is allowed
 }  // namespace edit_mode
 
 namespace for_each {
+/// What a ForEach visitor returns, and what the walk returns.
 enum Option : std::uint8_t {
-  Continue = 0,
-  Pass = 1,       // a non-stopping result that is passed up
-  Stop = 2,       // ends the whole walk
-  Valueless = 3,  // the walk met a valueless node and ended
+  Continue = 0,   ///< go on
+  Pass = 1,       ///< a non-stopping result that is passed up
+  Stop = 2,       ///< ends the whole walk
+  Valueless = 3,  ///< the walk met a valueless node and ended
 };
 }  // namespace for_each
 
@@ -41,7 +43,7 @@ using EnableIfIdRange =
     std::enable_if_t<!std::is_convertible_v<Ids const&, Id const&> &&
                      std::is_convertible_v<decltype(*std::declval<Ids const&>().begin()), Id const&>>;
 
-// The child of `node` at `id`, or null when it is missing or `id` does not fit the node.
+/// The child of `node` at `id`, or null when it is missing or `id` does not fit the node.
 template <typename S>
 S* FindChild(S& node, Id const& id) noexcept {
   if (auto const* key = std::get_if<1>(&id)) {
@@ -58,7 +60,7 @@ S* FindChild(S& node, Id const& id) noexcept {
   return nullptr;
 }
 
-// Whether `id` addresses children of the kind of container `node` holds.
+/// Whether `id` addresses children of the kind of container `node` holds.
 template <typename S>
 bool Fits(S const& node, Id const& id) noexcept {
   return (id.index() == 0 && node.index() == index::kList) ||
@@ -93,15 +95,15 @@ for_each::Option Walk(S& node, Path& path, Visitor& visitor) {
 
 }  // namespace detail
 
-// The child at `id`, or null when it is missing or `id` does not fit the node: a key is
-// looked up only in a map, an index only in a list and only below its size. Never throws.
+/// The child at `id`, or null when it is missing or `id` does not fit the node: a key is
+/// looked up only in a map, an index only in a list and only below its size. Never throws.
 template <typename S>
 S* FindItem(S& node, Id const& id) noexcept {
   return detail::FindChild(node, id);
 }
 
-// The child at `id`. A key needs a map and an index a list (else std::bad_variant_access);
-// a missing child throws kErrorNotFound.
+/// The child at `id`. A key needs a map and an index a list (else std::bad_variant_access);
+/// a missing child throws kErrorNotFound.
 template <typename S>
 S& GetItem(S& node, Id const& id) {
   if (auto const* key = std::get_if<1>(&id)) {
@@ -116,7 +118,7 @@ S& GetItem(S& node, Id const& id) {
   return list[static_cast<std::size_t>(number)];
 }
 
-// The node at `path`, applying GetItem id by id; the root path gives `node` itself.
+/// The node at `path`, applying GetItem id by id; the root path gives `node` itself.
 template <typename S>
 S& GetItem(S& node, Path const& path) {
   S* current = &node;
@@ -124,9 +126,9 @@ S& GetItem(S& node, Path const& path) {
   return *current;
 }
 
-// Stores `value` at `id` of `node`, as `mode` permits, and returns the stored node.
-// A list index beyond the end first fills the gap with default nodes. A value stored
-// into an existing slot brings its attributes along.
+/// Stores `value` at `id` of `node`, as `mode` permits, and returns the stored node.
+/// A list index beyond the end first fills the gap with default nodes. A value stored
+/// into an existing slot brings its attributes along.
 template <typename S>
 S& SetItem(S& node, Id const& id, S&& value, EditMode mode) {
   if (auto const* number = std::get_if<0>(&id)) {
@@ -156,10 +158,10 @@ S& SetItem(S& node, Id const& id, S&& value, EditMode mode) {
   return it->second;
 }
 
-// Stores `value` at the end of `ids` (a Path or a RefRange) below `node`, building the
-// missing levels: a map before a key, a list before an index. Returns the node stored.
-// With Replace, a node on the way whose kind does not fit the next id becomes a container
-// of the fitting kind and keeps its own attributes. A store the mode refuses changes nothing.
+/// Stores `value` at the end of `ids` (a Path or a RefRange) below `node`, building the
+/// missing levels: a map before a key, a list before an index. Returns the node stored.
+/// With Replace, a node on the way whose kind does not fit the next id becomes a container
+/// of the fitting kind and keeps its own attributes. A store the mode refuses changes nothing.
 template <typename S, typename Ids, typename = detail::EnableIfIdRange<Ids>>
 S& SetItem(S& node, Ids const& ids, S&& value, EditMode mode) {
   auto const count = static_cast<std::size_t>(ids.size());
@@ -213,9 +215,9 @@ S& SetItem(S& node, Ids const& ids, S&& value, EditMode mode) {
   return *stored;
 }
 
-// Removes the child at `id`: 0 removed, 1 not present, 0x8000004A when `id` does not fit
-// the node. A list element is erased (later elements move down) or, with `erase` false,
-// reset to an empty value in place, keeping its attributes and the list's length.
+/// Removes the child at `id`: 0 removed, 1 not present, 0x8000004A when `id` does not fit
+/// the node. A list element is erased (later elements move down) or, with `erase` false,
+/// reset to an empty value in place, keeping its attributes and the list's length.
 template <typename S>
 int DelItem(S& node, Id const& id, bool erase) {
   if (auto const* number = std::get_if<0>(&id)) {
@@ -238,8 +240,8 @@ int DelItem(S& node, Id const& id, bool erase) {
   return fdn::rc::kOk;
 }
 
-// Removes the node at `path`: the root cannot be removed (0x80000046); a missing or
-// unfitting step before the last gives 0x8000004A; then as the one-level DelItem.
+/// Removes the node at `path`: the root cannot be removed (0x80000046); a missing or
+/// unfitting step before the last gives 0x8000004A; then as the one-level DelItem.
 template <typename S>
 int DelItem(S& node, Path const& path, bool erase) {
   if (path.empty()) return fdn::rc::kInvalidArgument;
@@ -251,15 +253,16 @@ int DelItem(S& node, Path const& path, bool erase) {
   return DelItem(*parent, path.back(), erase);
 }
 
-// Walks `node` depth-first, parents before children, map entries in key order and list
-// elements in index order. `visitor(node, path)` gets each node with `path` extended from
-// `start` and returns a for_each::Option; Stop ends the walk, a valueless node ends it
-// with Valueless, and the last Pass of a subtree is passed up.
+/// Walks `node` depth-first, parents before children, map entries in key order and list
+/// elements in index order. `visitor(node, path)` gets each node with `path` extended from
+/// `start` and returns a for_each::Option; Stop ends the walk, a valueless node ends it
+/// with Valueless, and the last Pass of a subtree is passed up.
 template <typename S, typename Visitor>
 for_each::Option ForEach(S& node, Path& start, Visitor&& visitor) {
   return detail::Walk(node, start, visitor);
 }
 
+/// As ForEach above, with paths starting at the empty path.
 template <typename S, typename Visitor>
 for_each::Option ForEach(S& node, Visitor&& visitor) {
   Path path;
