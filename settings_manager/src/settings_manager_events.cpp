@@ -42,12 +42,12 @@ SettingsManager::EventThread::~EventThread() {
     manager_.eventsIdle = true;
     auto const result = uvc::ProcessException();
     SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "~EventThread",
-                    "{} EventThread: could not start client notification: {}", manager_.id,
-                    result);
+                    "{} EventThread: could not start client notification: {}", manager_.id, result);
   }
 }
 
-void SettingsManager::PushEvent_(EventThread& guard, uvc::Path&& path, unsigned char kind) noexcept {
+void SettingsManager::PushEvent_(EventThread& guard, uvc::Path&& path,
+                                 unsigned char kind) noexcept {
   if (!eventsEnabled) return;
   // The last change of a path wins; only a new path can need a thread.
   bool const inserted = events.insert_or_assign(std::move(path), kind).second;
@@ -78,7 +78,7 @@ bool SettingsManager::TakeEvents(EventMap& batch) {
     taken.merge(batch);
     batch.swap(taken);
     return true;
-  } catch (std::exception const&) {
+  } catch (...) {
     auto const result = uvc::ProcessException();
     SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "TakeEvents",
                     "{} TakeEvents: could not take new events: {}", id, result);
@@ -130,7 +130,11 @@ void SettingsManager::NotifyEvent(EventMap& batch) {
       activeObservers.erase(activeObservers.begin());
       current = activeObservers.empty() ? nullptr : *activeObservers.begin();
     }
-  } catch (std::exception const&) {
+    // An Unsubscribe of a later observer that came in after the last post waits for a
+    // callback; when none follows it must not wait for the next event.
+    PostCallbacks();
+  } catch (...) {
+    // Whatever an observer throws, standard or not, must not end the thread.
     auto const result = uvc::ProcessException();
     SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "NotifyEvent",
                     "{} NotifyEvent: could not notify clients: {}", id, result);
@@ -144,7 +148,8 @@ void SettingsManager::NotifyEvent(EventMap& batch) {
 }
 
 void SettingsManager::PostCallbacks() {
-  for (auto waiting = waitingUnsubscribers.load(); waiting != 0; waiting = waitingUnsubscribers.load()) {
+  for (auto waiting = waitingUnsubscribers.load(); waiting != 0;
+       waiting = waitingUnsubscribers.load()) {
     callbackDone.Post();
     --waitingUnsubscribers;
   }

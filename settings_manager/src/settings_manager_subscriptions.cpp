@@ -66,8 +66,8 @@ int SettingsManager::Unsubscribe(SubscriptionId subscription) {
     }
   } catch (std::exception const&) {
     auto const result = uvc::ProcessException();
-    SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "Unsubscribe", "{} Unsubscribe(): {}: '{}'", id,
-                    subscription, result);
+    SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "Unsubscribe", "{} Unsubscribe(): {}: '{}'",
+                    id, subscription, result);
     return result.first;
   }
   SM_LOG(LogLevel::Debug, kManagerSource, "Unsubscribe", "{} Unsubscribe(): {}", id, subscription);
