@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <cstring>
+#include <memory>
+#include <string>
 #include <string_view>
 
 // Our two-argument LIKE: exact bytes. Keys are arbitrary bytes, so the built-in one is
@@ -35,15 +37,25 @@ inline bool Match(std::string_view pattern, std::string_view text) noexcept {
   return p == pattern.size();
 }
 
-// The store's own form, "prefix%" with no other wildcard, is a plain prefix compare.
-inline bool MatchPrefixOrAny(std::string_view pattern, std::string_view text) noexcept {
-  auto const prefix = pattern.substr(0, pattern.empty() ? 0 : pattern.size() - 1);
-  bool const prefixForm = !pattern.empty() && pattern.back() == '%' &&
-                          prefix.find_first_of("%_") == std::string_view::npos;
-  if (!prefixForm) return Match(pattern, text);
-  return text.size() >= prefix.size() &&
-         (prefix.empty() || std::memcmp(text.data(), prefix.data(), prefix.size()) == 0);
-}
+// A pattern analysed once per statement: the store's own form, "prefix%" with no other
+// wildcard, is a plain prefix compare.
+struct Pattern {
+  explicit Pattern(std::string_view pattern) {
+    auto const head = pattern.substr(0, pattern.empty() ? 0 : pattern.size() - 1);
+    prefixForm = !pattern.empty() && pattern.back() == '%' &&
+                 head.find_first_of("%_") == std::string_view::npos;
+    text.assign(prefixForm ? head : pattern);
+  }
+
+  bool Matches(std::string_view candidate) const noexcept {
+    if (!prefixForm) return Match(text, candidate);
+    return candidate.size() >= text.size() &&
+           (text.empty() || std::memcmp(candidate.data(), text.data(), text.size()) == 0);
+  }
+
+  bool prefixForm = false;
+  std::string text;  // the prefix (prefix form) or the whole pattern
+};
 
 // Value bytes with their exact length (sqlite3_value_bytes): embedded NULs count.
 // False when SQLite ran out of memory converting the value to text.
@@ -60,18 +72,39 @@ inline bool Bytes(sqlite3_value* value, std::string_view& out) noexcept {
   return true;
 }
 
-// like(pattern, text) as SQLite calls it for "text LIKE pattern".
+// like(pattern, text) as SQLite calls it for "text LIKE pattern". The pattern is the same
+// for every row of a statement, so its analysis is kept with the statement (auxdata).
 inline void Function(sqlite3_context* context, int, sqlite3_value** argv) noexcept {
   if (sqlite3_value_type(argv[0]) == SQLITE_NULL || sqlite3_value_type(argv[1]) == SQLITE_NULL) {
     sqlite3_result_null(context);
     return;
   }
-  std::string_view pattern, text;
-  if (!Bytes(argv[0], pattern) || !Bytes(argv[1], text)) {
+  std::string_view text;
+  if (!Bytes(argv[1], text)) {
     sqlite3_result_error_nomem(context);
     return;
   }
-  sqlite3_result_int(context, MatchPrefixOrAny(pattern, text) ? 1 : 0);
+  auto const* pattern = static_cast<Pattern const*>(sqlite3_get_auxdata(context, 0));
+  std::unique_ptr<Pattern> analysed;
+  if (pattern == nullptr) {
+    std::string_view bytes;
+    if (!Bytes(argv[0], bytes)) {
+      sqlite3_result_error_nomem(context);
+      return;
+    }
+    try {
+      analysed = std::make_unique<Pattern>(bytes);
+    } catch (...) {
+      sqlite3_result_error_nomem(context);
+      return;
+    }
+    pattern = analysed.get();
+  }
+  sqlite3_result_int(context, pattern->Matches(text) ? 1 : 0);
+  // Last: SQLite may destroy the pattern at once when the argument is not constant.
+  if (analysed)
+    sqlite3_set_auxdata(context, 0, analysed.release(),
+                        [](void* kept) { std::unique_ptr<Pattern> owned(static_cast<Pattern*>(kept)); });
 }
 
 // Replaces like(X, Y) on `db`; the three-argument (ESCAPE) form stays built in.

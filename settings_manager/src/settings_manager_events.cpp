@@ -74,9 +74,13 @@ bool SettingsManager::TakeEvents(EventMap& batch) {
       // one thread per burst.
       eventsIdle = batch.empty() && taken.empty();
     }
-    // A newly taken kind replaces the older one of the same path.
-    taken.merge(batch);
-    batch.swap(taken);
+    // A newly taken kind replaces the older one of the same path. Only the new entries
+    // move: the batch is refilled before every event, and it may be long.
+    while (!taken.empty()) {
+      auto entry = taken.extract(taken.begin());
+      auto const placed = batch.insert(std::move(entry));
+      if (!placed.inserted) placed.position->second = placed.node.mapped();
+    }
     return true;
   } catch (...) {
     auto const result = uvc::ProcessException();
