@@ -33,7 +33,7 @@ libdir="lib/$multiarch"
 echo "== configure and build ($build, release, prefix /usr)"
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
   -DCMAKE_INSTALL_LIBDIR="$libdir" -DCMAKE_INSTALL_DOCDIR=share/doc/settings-manager \
-  -DSM_BUILD_TESTS=OFF -DSM_BUILD_EXAMPLES=OFF >/dev/null
+  -DSM_BUILD_TESTS=OFF -DSM_BUILD_EXAMPLES=OFF -DSM_BUILD_BENCHMARKS=OFF >/dev/null
 
 echo "== API reference (doxygen, warnings are errors)"
 check "doxygen: every public declaration documented, no warning" \

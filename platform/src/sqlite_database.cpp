@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <cstring>
+
 #include "sqlite_like.h"
 
 namespace db_wrappers::sqlite {
@@ -55,6 +57,20 @@ int PageCount(sqlite3* db, int& pages) noexcept {
   return rc;
 }
 
+// Whether the connection commits by unlinking a rollback journal (journal_mode=DELETE).
+int DeletesJournal(sqlite3* db, bool& deletes) noexcept {
+  sqlite3_stmt* statement = nullptr;
+  int rc = sqlite3_prepare_v2(db, "PRAGMA journal_mode", -1, &statement, nullptr);
+  if (rc == SQLITE_OK && sqlite3_step(statement) == SQLITE_ROW) {
+    auto const* mode = reinterpret_cast<char const*>(sqlite3_column_text(statement, 0));
+    deletes = mode != nullptr && std::strcmp(mode, "delete") == 0;
+  } else {
+    rc = sqlite3_extended_errcode(db);
+  }
+  sqlite3_finalize(statement);
+  return rc;
+}
+
 // Everything after the open call itself; SQLITE_OK or the extended code of the failure.
 int Configure(sqlite3* db) noexcept {
   // Waits for another connection's lock (also during the pragmas below) instead of
@@ -62,15 +78,22 @@ int Configure(sqlite3* db) noexcept {
   sqlite3_busy_timeout(db, 5000);
   // WAL: a commit costs one fsync of the log, not of the database and a rollback journal.
   // Only a new file is switched: an existing one keeps its mode, so that opening never
-  // rewrites a file that may yet be refused (with synchronous=FULL every mode is
-  // durable). A ":memory:" database cannot use WAL; we accept the mode SQLite reports.
+  // rewrites a file that may yet be refused. A ":memory:" database cannot use WAL; we
+  // accept the mode SQLite reports.
   int pages = 0;
   if (int rc = PageCount(db, pages); rc != SQLITE_OK) return rc;
   if (pages == 0) {
     if (int rc = Exec(db, "PRAGMA journal_mode=WAL"); rc != SQLITE_OK) return rc;
   }
-  // FULL: a commit that returned survives a power cut; NORMAL in WAL may lose it.
-  if (int rc = Exec(db, "PRAGMA synchronous=FULL"); rc != SQLITE_OK) return rc;
+  // FULL: in WAL mode a commit that returned survives a power cut (NORMAL may lose it),
+  // for one fsync of the log. A file that keeps a DELETE-mode rollback journal commits
+  // by unlinking the journal, and only a directory sync makes the unlink durable: without
+  // it a power cut can bring the journal back and roll the commit back on restart. EXTRA
+  // adds that sync; the power-cut tests of tests/reliability show both.
+  bool deletesJournal = false;
+  if (int rc = DeletesJournal(db, deletesJournal); rc != SQLITE_OK) return rc;
+  char const* const sync = deletesJournal ? "PRAGMA synchronous=EXTRA" : "PRAGMA synchronous=FULL";
+  if (int rc = Exec(db, sync); rc != SQLITE_OK) return rc;
   return like::Register(db);
 }
 

@@ -1,0 +1,97 @@
+#pragma once
+
+// The work load of the reliability suites: a client of a manager, random settings, and a
+// stream of changes that a writer process and the tests can each rebuild from a seed.
+// Free of GoogleTest: the writer program links it too.
+
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "settings_manager/settings_manager.h"
+
+namespace reliability {
+
+using settings_manager::Attributes;
+using settings_manager::Setting;
+
+// The six role interfaces of one manager.
+struct Client {
+  // Makes a manager on `path` (empty: in memory only); 0, or the factory's code.
+  int Open(std::string const& path);
+  void Close();
+
+  std::shared_ptr<settings_manager::ISettingsManager> manager;
+  std::shared_ptr<settings_manager::ISettingsCreator> creator;
+  std::shared_ptr<settings_manager::ISettingsGetter> getter;
+  std::shared_ptr<settings_manager::ISettingsValueSetter> valueSetter;
+  std::shared_ptr<settings_manager::ISettingsSetter> setter;
+  std::shared_ptr<settings_manager::ISettingsDeleter> deleter;
+  std::shared_ptr<settings_manager::ISettingsUpdateSubscriber> subscriber;
+};
+
+// A path from its text; empty when the text is not a valid path.
+uvc::Path P(std::string const& text);
+std::string Text(uvc::Path const& path);
+
+// Whole trees, equal when every node has the same alternative, the same attributes and
+// the same content, doubles compared by their bits (so NaN equals itself).
+bool Same(Setting const& a, Setting const& b);
+std::size_t CountNodes(Setting const& s);
+// A compact text of a tree for failure messages, cut after `limit` characters.
+std::string Describe(Setting const& s, std::size_t limit = 600);
+
+// The top-level keys every generated path starts with.
+std::vector<std::string> const& TopKeys();
+// The root map as a getter sees it: every top-level key of `keys` that exists.
+Setting TreeOf(settings_manager::ISettingsGetter& getter,
+               std::vector<std::string> const& keys = TopKeys());
+// Gives an empty manager the tree `root` (a root map), one top-level setting at a time.
+int Seed(Client& client, Setting const& root);
+
+// Random settings: every alternative, keys from a small set so that paths meet.
+class Values {
+ public:
+  explicit Values(std::mt19937_64& random) : random_(random) {}
+  std::uint64_t Below(std::uint64_t n) { return n == 0 ? 0 : random_() % n; }
+  bool Chance(unsigned percent) { return Below(100) < percent; }
+  std::string Key();
+  // A scalar (alternatives 3 to 15), or None now and then.
+  Setting Scalar();
+  // A subtree of at most `budget` nodes, some of them read-only.
+  Setting Tree(std::size_t budget, int depth = 0);
+
+ private:
+  std::mt19937_64& random_;
+};
+
+// One change of the stream.
+struct Op {
+  enum Kind : std::uint8_t { kCreate, kSetValue, kSetSetting, kSetAttribute, kDelete };
+  Kind kind = kCreate;
+  uvc::Path path;
+  Setting setting;  // kCreate, kSetSetting; the value of kSetValue
+  Attributes attributes;
+};
+char const* KindName(Op::Kind kind);
+std::string Describe(Op const& op);
+int Apply(Op const& op, Client& client);
+
+// Changes of a device's settings: creates, value changes, subtree replacements,
+// attribute changes and deletes, mostly of nodes that exist. Change `index` depends only
+// on the seed, the index and the tree it is made for, so a process that holds the same
+// tree makes the same change.
+class Stream {
+ public:
+  explicit Stream(std::uint64_t seed, std::size_t maxNodes = 400)
+      : seed_(seed), maxNodes_(maxNodes) {}
+  Op Make(std::uint64_t index, settings_manager::ISettingsGetter& current) const;
+
+ private:
+  std::uint64_t seed_;
+  std::size_t maxNodes_;
+};
+
+}  // namespace reliability
