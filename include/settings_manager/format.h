@@ -3,8 +3,8 @@
 /// \file
 /// fmt formatters of the settings vocabulary, for `fmt::format("{}", ...)`:
 /// - `uvc::Path` prints its text form, or the failure text of settings_manager::PathToStr;
-/// - settings_manager::SubscriptionId prints as its plain number; the format specification
-///   passes through.
+/// - settings_manager::SubscriptionId prints as its plain number; width, fill and the
+///   other integer options apply as to any integer.
 
 #include <fmt/format.h>
 
@@ -24,7 +24,7 @@ struct fmt::formatter<uvc::Path> : fmt::formatter<fmt::string_view> {
 
 #include "settings_manager/interfaces.h"
 
-// A subscription id prints as its plain number; the format specification passes through.
+// A subscription id prints as its plain number; integer format options apply.
 /// \cond FORMATTERS
 template <>
 struct fmt::formatter<settings_manager::SubscriptionId> : fmt::formatter<std::uint64_t> {

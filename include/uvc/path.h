@@ -30,7 +30,7 @@ enum class IdState : std::uint8_t {
   EmptyId = 5,      ///< an empty segment in a text
   DigitFirst = 6,   ///< a key that begins with a digit
   BadChar = 7,      ///< a special character in a key, or a non-digit in a numeric segment
-  NoSeparator = 8,  ///< the spec has no special characters
+  NoSeparator = 8,  ///< the IdSpec has no special characters
 };
 
 namespace aux {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <stdexcept>
 
+#include "id_rules.h"
 #include "log.h"
 #include "raw_conversion.h"
 #include "settings_manager/paths.h"
@@ -37,10 +38,10 @@ std::string SettingsManager::MakeId(bool withDatabase) {
 }
 
 void SettingsManager::Check(uvc::Path const& path) {
-  auto const& spec = meta::GetIdSpecification();
+  static uvc::aux::IdRules const rules(meta::GetIdSpecification());
   bool valid = !path.empty() && path.front().index() == 1;
   for (std::size_t i = 0; valid && i < path.size(); ++i)
-    valid = uvc::aux::CheckId(path[i], spec) == uvc::IdState::Ok;
+    valid = rules.Check(path[i]) == uvc::IdState::Ok;
   if (!valid) throw uvc::Error(fdn::rc::kInvalidArgument, "Invalid path");
 }
 

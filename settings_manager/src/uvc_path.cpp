@@ -2,6 +2,8 @@
 
 #include "uvc/path.h"
 
+#include "id_rules.h"
+
 namespace uvc {
 namespace {
 
@@ -9,12 +11,8 @@ constexpr std::uint64_t kMaxWritable = 9999999999999999999ull;  // 19 digits
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
-bool HasSpecial(std::string_view key, IdSpec const& spec) {
-  return key.find_first_of(spec.specialChars) != std::string_view::npos;
-}
-
 // A digit-led segment: decimal digits only, fitting 64 bits, within the index limit.
-IdState ParseIndex(std::string_view segment, IdSpec const& spec, std::uint64_t& out) {
+IdState ParseIndex(std::string_view segment, aux::IdRules const& rules, std::uint64_t& out) {
   for (char c : segment)
     if (!IsDigit(c)) return IdState::BadChar;
   std::uint64_t value = 0;
@@ -24,7 +22,7 @@ IdState ParseIndex(std::string_view segment, IdSpec const& spec, std::uint64_t& 
     if (value > (kMax - digit) / 10) return IdState::NumberError;
     value = value * 10 + digit;
   }
-  if (spec.indexLimit != 0 && value > spec.indexLimit) return IdState::IndexTooBig;
+  if (rules.IndexTooBig(value)) return IdState::IndexTooBig;
   out = value;
   return IdState::Ok;
 }
@@ -33,28 +31,17 @@ IdState ParseIndex(std::string_view segment, IdSpec const& spec, std::uint64_t& 
 
 namespace aux {
 
-IdState CheckId(Id const& id, IdSpec const& spec) {
-  if (auto const* key = std::get_if<1>(&id)) {
-    if (key->empty()) return IdState::EmptyName;
-    if (IsDigit(key->front())) return IdState::DigitFirst;
-    if (HasSpecial(*key, spec)) return IdState::BadChar;
-    return IdState::Ok;
-  }
-  if (auto const* number = std::get_if<0>(&id)) {
-    if (spec.indexLimit != 0 && *number > spec.indexLimit) return IdState::IndexTooBig;
-    return IdState::Ok;
-  }
-  return IdState::InvalidId;
-}
+IdState CheckId(Id const& id, IdSpec const& spec) { return IdRules(spec).Check(id); }
 
 }  // namespace aux
 
 std::pair<std::string, IdState> ToString(Path const& path, IdSpec const& spec) {
   if (spec.specialChars.empty()) return {std::string(), IdState::NoSeparator};
   char const separator = spec.specialChars.front();
+  aux::IdRules const rules(spec);
   std::string text;
   for (auto const& id : path) {
-    auto const state = aux::CheckId(id, spec);
+    auto const state = rules.Check(id);
     if (state != IdState::Ok) return {std::string(), state};
     if (auto const* key = std::get_if<1>(&id)) {
       text += *key;
@@ -72,6 +59,7 @@ std::pair<std::string, IdState> ToString(Path const& path, IdSpec const& spec) {
 std::pair<Path, IdState> FromString(std::string_view text, IdSpec const& spec) {
   if (spec.specialChars.empty()) return {Path(), IdState::NoSeparator};
   char const separator = spec.specialChars.front();
+  aux::IdRules const rules(spec);
   Path path;
   std::size_t pos = 0;
   while (pos < text.size()) {
@@ -80,11 +68,11 @@ std::pair<Path, IdState> FromString(std::string_view text, IdSpec const& spec) {
     if (segment.empty()) return {Path(), IdState::EmptyId};
     if (IsDigit(segment.front())) {
       std::uint64_t number = 0;
-      auto const state = ParseIndex(segment, spec, number);
+      auto const state = ParseIndex(segment, rules, number);
       if (state != IdState::Ok) return {Path(), state};
       path.emplace_back(std::in_place_index<0>, number);
     } else {
-      if (HasSpecial(segment, spec)) return {Path(), IdState::BadChar};
+      if (rules.HasSpecial(segment)) return {Path(), IdState::BadChar};
       path.emplace_back(std::in_place_index<1>, segment);
     }
     if (end == std::string_view::npos) break;
