@@ -150,13 +150,7 @@ TEST_P(IoFaults, EveryOperationFailsCleanlyAtEveryReadWriteSyncAndLock) {
   // The start file, written through a manager and closed (the log folded into it). A file
   // that exists keeps its journal mode: the rollback variant makes one in DELETE mode.
   Setting const start = StartTree(seed);
-  if (rollback) {
-    sqlite3* raw = nullptr;
-    ASSERT_EQ(sqlite3_open(db.c_str(), &raw), SQLITE_OK);
-    sqlite3_exec(raw, "PRAGMA journal_mode=DELETE; PRAGMA user_version=1;", nullptr, nullptr,
-                 nullptr);
-    sqlite3_close(raw);
-  }
+  if (rollback) MakeRollbackFile(db);
   {
     Client writer;
     ASSERT_EQ(writer.Open(db), 0);
@@ -305,13 +299,7 @@ TEST(DurabilityCost, AChangeCostsOneSyncOfTheLogInWalMode) {
   std::ostringstream figures;
   for (bool const rollback : {false, true}) {
     auto const db = dir.File(rollback ? "rollback.db" : "wal.db");
-    if (rollback) {
-      sqlite3* raw = nullptr;
-      ASSERT_EQ(sqlite3_open(db.c_str(), &raw), SQLITE_OK);
-      sqlite3_exec(raw, "PRAGMA journal_mode=DELETE; PRAGMA user_version=1;", nullptr, nullptr,
-                   nullptr);
-      sqlite3_close(raw);
-    }
+    if (rollback) MakeRollbackFile(db);
     Client client;
     ASSERT_EQ(client.Open(db), 0);
     ASSERT_EQ(client.creator->CreateSetting(P("net/port"), std::uint16_t{1}), 0);

@@ -9,7 +9,6 @@
 
 #include "reliability_util.h"
 #include "support/fault_vfs.h"
-#include "support/sqlite_file.h"
 #include "support/temp_dir.h"
 
 namespace reliability {
@@ -37,11 +36,6 @@ Script MakeScript(std::uint64_t seed, std::size_t length) {
     script.trees.push_back(TreeOf(*oracle.getter));
   }
   return script;
-}
-
-// A file in rollback-journal mode: the library keeps the mode of a file that exists.
-void MakeRollbackFile(std::string const& path) {
-  test_support::SqliteFile(path).Exec("PRAGMA journal_mode=DELETE; PRAGMA user_version=7;");
 }
 
 struct Outcome {

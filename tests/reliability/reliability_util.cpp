@@ -121,4 +121,8 @@ bool LoadFile(std::string const& path, Setting& root, std::string& error) {
   return ::testing::AssertionSuccess();
 }
 
+void MakeRollbackFile(std::string const& path) {
+  test_support::SqliteFile(path).Exec("PRAGMA journal_mode=DELETE; PRAGMA user_version=1;");
+}
+
 }  // namespace reliability

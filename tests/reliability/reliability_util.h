@@ -29,6 +29,9 @@ std::uint64_t TestSeed(char const* suite);
 // One line of figures for the README: "RELIABILITY <suite>: <text>".
 void Report(char const* suite, std::string const& text);
 
+// Makes a file in rollback-journal mode: the library keeps the mode of a file that exists.
+void MakeRollbackFile(std::string const& path);
+
 // Silences the library's log while it lives (a type change is logged as an error) and
 // counts the records by level.
 class QuietLog {
