@@ -41,6 +41,9 @@ class SqliteDatabase final : public IDatabase {
 
 namespace {
 
+// How long a connection waits for another connection's lock before SQLITE_BUSY.
+constexpr int kBusyTimeoutMs = 5000;
+
 int Exec(sqlite3* db, char const* sql) noexcept {
   return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
 }
@@ -75,7 +78,7 @@ int DeletesJournal(sqlite3* db, bool& deletes) noexcept {
 int Configure(sqlite3* db) noexcept {
   // Waits for another connection's lock (also during the pragmas below) instead of
   // failing at once with SQLITE_BUSY.
-  sqlite3_busy_timeout(db, 5000);
+  sqlite3_busy_timeout(db, kBusyTimeoutMs);
   // WAL: a commit costs one fsync of the log, not of the database and a rollback journal.
   // Only a new file is switched: an existing one keeps its mode, so that opening never
   // rewrites a file that may yet be refused. A ":memory:" database cannot use WAL; we
@@ -99,13 +102,35 @@ int Configure(sqlite3* db) noexcept {
 
 }  // namespace
 
+int Wrapper::OpenExisting(std::string const& path, std::unique_ptr<IDatabase>& out) {
+  sqlite3* db = nullptr;
+  // Not SQLITE_OPEN_READONLY: a read-only connection leaves the -wal and -shm files
+  // behind. Without SQLITE_OPEN_CREATE a missing file is an error.
+  int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+  if (db == nullptr) return MakeError(SQLITE_NOMEM);
+  sqlite3_extended_result_codes(db, 1);
+  // No journal mode or synchronous level here: both are the writers' business, and a
+  // reader must not write the file to set them.
+  if (rc == SQLITE_OK) {
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    rc = like::Register(db);
+  } else {
+    rc = sqlite3_extended_errcode(db);
+  }
+  if (rc != SQLITE_OK) {
+    sqlite3_close_v2(db);
+    return MakeError(rc);
+  }
+  out = std::make_unique<SqliteDatabase>(db);
+  return 0;
+}
+
 int Wrapper::Open(std::string const& path, std::unique_ptr<IDatabase>& out) {
   sqlite3* db = nullptr;
   // NOMUTEX: the library serialises every call on a connection under its own lock, so
   // SQLite's per-connection mutex would only cost time.
-  int rc = sqlite3_open_v2(path.c_str(), &db,
-                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                           nullptr);
+  int rc = sqlite3_open_v2(
+      path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (db == nullptr) return MakeError(SQLITE_NOMEM);
   // Extended codes tell e.g. a UNIQUE violation from other constraint failures.
   sqlite3_extended_result_codes(db, 1);

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "db_wrappers/sqlite/backup.h"
 #include "db_wrappers/transaction_monitor.h"
 #include "log.h"
 #include "settings_db_check.h"
@@ -16,11 +17,18 @@ using settings_manager::impl::RawAttrib;
 using settings_manager::log::kDbSource;
 using settings_manager::log::LogLevel;
 
-SettingsDB::SettingsDB(std::string const& path)
+SettingsDB::SettingsDB(std::string const& path, Access access)
     : text_(std::in_place_index<sqlite::alt::kText>),
       blob_(std::in_place_index<sqlite::alt::kBlob>) {
   if (path.empty()) throw std::runtime_error("[SMDB] Empty DB path");
-  int const opened = std::make_unique<sqlite::Wrapper>()->Open(path, db_);
+  auto const wrapper = std::make_unique<sqlite::Wrapper>();
+  if (access == Access::kReadOnly) {
+    int const opened = wrapper->OpenExisting(path, db_);
+    Check(opened >= 0, "Could not open settings database", opened);
+    Check(VerifySchema(), "Not a settings database");
+    return;
+  }
+  int const opened = wrapper->Open(path, db_);
   Check(opened >= 0, "Could not create settings database", opened);
   if (!VerifySchema()) {
     CreateSchema();
@@ -117,6 +125,11 @@ int SettingsDB::Set(RawItems const& items) const {
   }
   Check(transaction.Commit(), "Set: commit");
   return removed;
+}
+
+void SettingsDB::Backup(std::string const& destination) const {
+  int const copied = sqlite::CopyDatabase(*db_, destination);
+  Check(copied >= 0, "Backup", copied);
 }
 
 int SettingsDB::Upd(std::string const& path, RawAttrib const& attrib) const {

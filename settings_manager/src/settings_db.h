@@ -21,9 +21,14 @@ class SettingsDB {
  public:
   using RawItems = std::vector<settings_manager::impl::RawItem>;
 
-  // Opens or creates the file at `path` and verifies, or in a new file creates, the
+  enum class Access {
+    kReadWrite,  // opens or creates the file; a file without the schema gets it
+    kReadOnly,   // opens an existing file to read it; a file without the schema is refused
+  };
+
+  // Opens the file at `path` and verifies, or (read-write, in a new file) creates, the
   // schema. An empty path throws std::runtime_error and touches nothing.
-  explicit SettingsDB(std::string const& path);
+  explicit SettingsDB(std::string const& path, Access access = Access::kReadWrite);
   ~SettingsDB();
   SettingsDB(SettingsDB const&) = delete;
   SettingsDB& operator=(SettingsDB const&) = delete;
@@ -50,6 +55,10 @@ class SettingsDB {
   // Deletes the node at `path` and its descendants; returns the number of rows deleted.
   // The empty path deletes every row.
   int Del(std::string const& path) const;
+
+  // Copies the whole file, as one committed state, to `destination` (SQLite's online
+  // backup; see db_wrappers::sqlite::CopyDatabase).
+  void Backup(std::string const& destination) const;
 
   // True unless `code` is the row-ready code: the query produced no row.
   static bool EmptySelect(int code) noexcept;

@@ -15,6 +15,7 @@
 #include "raw_setting.h"
 #include "settings_db.h"
 #include "settings_manager/interfaces.h"
+#include "settings_manager/tree_access.h"
 #include "tern/rtl/semaphore.h"
 
 namespace settings_manager {
@@ -73,6 +74,12 @@ class SettingsManager final : public ISettingsManager,
   int Subscribe(uvc::Path const& path, std::shared_ptr<ISettingsUpdateObserver> observer,
                 SubscriptionId& subscription) override;
   int Unsubscribe(SubscriptionId subscription) override;
+
+  // Whole-tree access of settings_manager/tree_access.h, which forwards to these
+  // (settings_manager_tree_access.cpp). EditTree is the one whole-tree change.
+  int ListChildren(uvc::Path const& path, std::vector<ChildInfo>& out) const;
+  int GetTree(Setting& out) const;
+  int EditTree(TreeEdit const& edit);
 
   // The log prefix "[SM] " + sign ('+' with a database) + four hex digits + blank.
   static std::string MakeId(bool withDatabase);

@@ -68,6 +68,14 @@ TEST(Exports, OnlyThePublicApiIsExported) {
       "settings_manager::CreateSettingsManager(",
       "settings_manager::IsReadOnly(",
       "settings_manager::PathToStr(",
+      "settings_manager::ListChildren(",
+      "settings_manager::GetTree(",
+      "settings_manager::EditTree(",
+      "settings_manager::ReplaceTree(",
+      "settings_manager::CompareTrees(",
+      "settings_manager::BackupDatabase(",
+      "settings_manager::RestoreDatabase(",
+      "settings_manager::ReadSettingFromFile(",
       "settings_manager::meta::GetIdSpecification(",
       "uvc::ToString(",
       "uvc::FromString[abi:cxx11](",
@@ -109,6 +117,7 @@ TEST(Exports, OnlyThePublicApiIsExported) {
   };
   EXPECT_TRUE(has(
       "settings_manager::CreateSettingsManager(settings_manager::SettingsManagerConfig const&"));
+  EXPECT_TRUE(has("settings_manager::EditTree(settings_manager::ISettingsManager&"));
   EXPECT_TRUE(has("sdkProdName"));
   EXPECT_TRUE(has("typeinfo for uvc::Error"));
 }

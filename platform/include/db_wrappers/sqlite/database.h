@@ -17,9 +17,9 @@ struct sqlite3_stmt;
 namespace db_wrappers::sqlite {
 
 // A value bound to a statement or read from a column.
-using DbValue = std::variant<fdn::types::NullType, std::int8_t, std::int16_t, std::int32_t,
-                             std::int64_t, double, std::string, tern::rtl::Timestamp, bool,
-                             std::vector<std::uint8_t>>;
+using DbValue =
+    std::variant<fdn::types::NullType, std::int8_t, std::int16_t, std::int32_t, std::int64_t,
+                 double, std::string, tern::rtl::Timestamp, bool, std::vector<std::uint8_t>>;
 
 // Alternative indices of DbValue.
 namespace alt {
@@ -81,6 +81,13 @@ class Wrapper {
   // Opens (creating when missing) the database at `path`. On success fills `out` and
   // returns 0; on failure leaves `out` empty and returns a negative code.
   virtual int Open(std::string const& path, std::unique_ptr<IDatabase>& out);
+
+  // Opens the existing database at `path` for reading: never creates the file (a missing
+  // one fails with SQLITE_CANTOPEN) nor sets its journal mode. The connection may write
+  // when the file allows it, only so that, as the last one to close, it removes the WAL
+  // files as every connection of the store does; a write-protected file is read as such.
+  // Same result convention.
+  virtual int OpenExisting(std::string const& path, std::unique_ptr<IDatabase>& out);
 };
 
 // One prepared statement on a connection. Codes: 0 or a status on success, a negative

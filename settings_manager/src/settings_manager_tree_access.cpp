@@ -1,0 +1,131 @@
+// Whole-tree access: listing, reading and editing the whole tree through the manager.
+
+#include "log.h"
+#include "settings_manager.h"
+#include "tree_diff.h"
+#include "uvc/tree.h"
+
+namespace settings_manager {
+
+using log::kManagerSource;
+using log::LogLevel;
+
+namespace {
+
+uvc::Error const kRootNotMap{fdn::rc::kInvalidState, "Invalid value: the root must be a map"};
+
+template <typename Manager>
+auto* Implementation(Manager& manager) {
+  using Target =
+      std::conditional_t<std::is_const_v<Manager>, SettingsManager const, SettingsManager>;
+  return dynamic_cast<Target*>(&manager);
+}
+
+}  // namespace
+
+int SettingsManager::ListChildren(uvc::Path const& path, std::vector<ChildInfo>& out) const {
+  try {
+    if (!path.empty()) Check(path);
+    std::vector<ChildInfo> children;
+    {
+      std::shared_lock<std::shared_mutex> lock(treeLock);
+      Setting const& node = uvc::GetItem(tree, path);
+      if (auto const* map = std::get_if<uvc::index::kMap>(&node)) {
+        children.reserve(map->size());
+        for (auto const& [key, child] : *map)
+          children.push_back(
+              {uvc::Id(std::in_place_index<1>, key), child.index(), child.attributes});
+      } else if (auto const* list = std::get_if<uvc::index::kList>(&node)) {
+        children.reserve(list->size());
+        for (std::size_t i = 0; i < list->size(); ++i)
+          children.push_back(
+              {uvc::Id(std::in_place_index<0>, i), (*list)[i].index(), (*list)[i].attributes});
+      } else {
+        throw uvc::Error(fdn::rc::kNotMatched, "Not a map or a list");
+      }
+    }
+    out.swap(children);
+    return fdn::rc::kOk;
+  } catch (std::exception const&) {
+    return Failed("ListChildren", __LINE__, path);
+  }
+}
+
+int SettingsManager::GetTree(Setting& out) const {
+  try {
+    Setting copy;
+    {
+      std::shared_lock<std::shared_mutex> lock(treeLock);
+      copy = tree;
+    }
+    // The caller's old value is destroyed here, outside the lock.
+    std::swap(out, copy);
+    return fdn::rc::kOk;
+  } catch (std::exception const&) {
+    return Failed("GetTree", __LINE__, uvc::Path());
+  }
+}
+
+int SettingsManager::EditTree(TreeEdit const& edit) {
+  Setting replaced;  // the old tree, destroyed after the lock is released
+  try {
+    EventThread notify(*this);
+    std::unique_lock<std::shared_mutex> lock(treeLock);
+    Setting edited = tree;
+    if (int const refused = edit(edited); refused != fdn::rc::kOk) return refused;
+    if (edited.valueless_by_exception() || edited.index() != uvc::index::kMap) throw kRootNotMap;
+    if (edited == tree) return fdn::rc::kFalse;
+    // Every row of the tree: the empty root path replaces all of them in one transaction.
+    if (db) db->Set(MakeRawSetting(uvc::Path(), edited));
+    std::vector<std::pair<uvc::Path, unsigned char>> changes;
+    if (eventsEnabled) {
+      uvc::Path at;
+      DiffTrees(tree, edited, at, [&changes](uvc::Path const& path, unsigned char kind) {
+        changes.emplace_back(path, kind);
+      });
+    }
+    std::swap(tree, edited);
+    replaced = std::move(edited);
+    for (auto& [path, kind] : changes) PushEvent_(notify, std::move(path), kind);
+  } catch (std::exception const&) {
+    return Failed("EditTree", __LINE__, uvc::Path());
+  }
+  SM_LOG(LogLevel::Debug, kManagerSource, "EditTree", "{} EditTree()", id);
+  return fdn::rc::kOk;
+}
+
+int ListChildren(ISettingsManager const& manager, uvc::Path const& path,
+                 std::vector<ChildInfo>& out) {
+  auto const* implementation = Implementation(manager);
+  return implementation ? implementation->ListChildren(path, out) : fdn::rc::kInterfaceNotSupported;
+}
+
+int GetTree(ISettingsManager const& manager, Setting& out) {
+  auto const* implementation = Implementation(manager);
+  return implementation ? implementation->GetTree(out) : fdn::rc::kInterfaceNotSupported;
+}
+
+int EditTree(ISettingsManager& manager, TreeEdit const& edit) {
+  auto* implementation = Implementation(manager);
+  return implementation ? implementation->EditTree(edit) : fdn::rc::kInterfaceNotSupported;
+}
+
+int CompareTrees(Setting const& before, Setting const& after,
+                 std::function<void(uvc::Path const& path, unsigned char kind)> const& changed) {
+  try {
+    uvc::Path at;
+    DiffTrees(before, after, at, changed);
+    return fdn::rc::kOk;
+  } catch (...) {
+    return uvc::ProcessException().first;
+  }
+}
+
+int ReplaceTree(ISettingsManager& manager, Setting const& tree) {
+  return EditTree(manager, [&tree](Setting& current) {
+    current = tree;
+    return fdn::rc::kOk;
+  });
+}
+
+}  // namespace settings_manager
