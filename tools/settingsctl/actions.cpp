@@ -7,9 +7,11 @@
 #include <nlohmann/json.hpp>
 
 #include "failure.h"
+#include "import_tree.h"
 #include "json_input.h"
 #include "path_text.h"
 #include "plain_json.h"
+#include "report.h"
 #include "session.h"
 #include "tree_print.h"
 #include "typed_json.h"
@@ -22,15 +24,11 @@ namespace {
 namespace ix = uvc::index;
 using settings_manager::Setting;
 
-void Outcome(uvc::Path const& path, char const* what) {
-  fmt::print("{} {}\n", ShowPath(path), what);
-}
-
 // VALUE without --type: JSON if it reads as JSON, with the plain defaults, else a string.
 Value UntypedValue(std::string const& text) {
-  auto const json = nlohmann::json::parse(text, nullptr, false);
-  if (json.is_discarded()) return Value(text);
-  return FromPlainJson(json).value();
+  auto const json = ParseJson(text, true);
+  if (!json) return Value(text);
+  return FromPlainJson(*json).value();
 }
 
 Value TypedValue(std::size_t type, std::optional<std::string> const& text) {
@@ -52,7 +50,7 @@ Value TypedValue(std::size_t type, std::optional<std::string> const& text) {
 // The value of VALUE and --type; without --type a `current` scalar keeps its type.
 Value ArgumentValue(Request const& request, Setting const* current) {
   if (request.type) return TypedValue(*TypeIndex(*request.type), request.value);
-  if (!request.value) throw UsageFailure("give a VALUE, --type or --json");
+  if (!request.value) throw UsageFailure("give a VALUE, --type or --from");
   if (current != nullptr && !IsContainer(current->index()) && current->index() != ix::kNone)
     return ParseScalar(current->index(), *request.value);
   return UntypedValue(*request.value);
@@ -60,11 +58,11 @@ Value ArgumentValue(Request const& request, Setting const* current) {
 
 Setting ArgumentSetting(Request const& request, Setting const* current) {
   Setting setting;
-  if (request.jsonIn) {
+  if (request.from) {
     try {
-      setting = LoadDocument(*request.jsonIn).node;
+      setting = LoadDocument(*request.from).node;
     } catch (Failure const& failure) {
-      throw Failure(failure.ExitStatus(), fmt::format("{}: {}", *request.jsonIn, failure.what()));
+      throw Failure(failure.ExitStatus(), fmt::format("{}: {}", *request.from, failure.what()));
     }
   } else {
     setting = Setting(ArgumentValue(request, current));
@@ -73,140 +71,165 @@ Setting ArgumentSetting(Request const& request, Setting const* current) {
   return setting;
 }
 
-void PrintNode(uvc::Path const& path, Setting const& node, bool json) {
-  if (json)
-    fmt::print("{}\n", JsonText(ToPlainJson(node)));
+void PrintJson(nlohmann::ordered_json const& json) { Print(JsonText(json) + '\n'); }
+
+void PrintNode(Request const& request, uvc::Path const& path, Setting const& node) {
+  if (request.style.json)
+    PrintJson(ToPlainJson(node));
   else if (path.empty())
-    fmt::print("{}", ChildrenText(node));
+    Print(ChildrenText(node));
   else
-    fmt::print("{}", TreeText(ShowPath(path), node));
+    Print(TreeText(ShowPath(path), node));
+}
+
+void Outcome(Request const& request, uvc::Path const& path, std::string_view what) {
+  PrintOutcome(request.style, ShowPath(path), what);
+}
+
+// Refuses to change `node` at `path` when it or anything below it is read-only.
+void RefuseReadOnly(Request const& request, uvc::Path const& path, Setting const& node) {
+  if (request.force) return;
+  if (auto const marked = FirstReadOnly(node, path))
+    throw Failure(status::kRefused, fmt::format("{} is read-only (--force {}s it anyway)",
+                                                ShowPath(*marked), request.verb));
 }
 
 void Get(Session& session, Request const& request) {
   auto const path = ParsePath(request.path);
-  auto const node = session.Get(path);
-  if (!request.jsonOut && !IsContainer(node.index()))
-    fmt::print("{}\n", ScalarText(node));
-  else
-    PrintNode(path, node, request.jsonOut);
+  auto const node = session.Read(path);
+  if (request.style.json || IsContainer(node.index()))
+    PrintNode(request, path, node);
+  else if (node.index() != ix::kNone)  // none prints nothing at all, "" an empty line
+    Print(ScalarText(node) + '\n');
+}
+
+void Ls(Session& session, Request const& request) {
+  auto const path = ParsePath(request.path);
+  auto const children = session.List(path);
+  std::vector<ListedChild> listed;
+  if (children) {
+    for (auto const& child : *children)
+      listed.push_back(
+          {child.id.index() == 1 ? std::get<1>(child.id) : std::to_string(std::get<0>(child.id)),
+           child.type, child.attributes.readOnly});
+  } else {
+    auto const node = session.Read(path);
+    listed.push_back({ShowPath(path), node.index(), node.attributes.readOnly});
+  }
+  if (!request.style.json) {
+    Print(ListingText(listed));
+    return;
+  }
+  auto array = nlohmann::ordered_json::array();
+  for (auto const& child : listed)
+    array.push_back(
+        {{"name", child.name}, {"type", TypeName(child.type)}, {"readOnly", child.readOnly}});
+  PrintJson(array);
 }
 
 void Dump(Session& session, Request const& request) {
   auto const path = ParsePath(request.path);
-  PrintNode(path, session.Get(path), request.jsonOut);
+  PrintNode(request, path, session.Read(path));
 }
 
-void Set(Session& session, Request const& request) {
+void Export(Session& session, Request const& request) {
   auto const path = ParsePath(request.path);
-  std::optional<Setting> current;
-  if (!request.type) current = session.Get(path);
-  auto const value = ArgumentValue(request, current ? &*current : nullptr);
-  Outcome(path, session.SetValue(path, value) ? "changed" : "unchanged");
-}
-
-void Create(Session& session, Request const& request) {
-  auto const path = ParsePath(request.path);
-  auto const setting = ArgumentSetting(request, nullptr);
-  Outcome(path, session.Create(path, setting) ? "created" : "unchanged");
-}
-
-void Replace(Session& session, Request const& request) {
-  auto const path = ParsePath(request.path);
-  std::optional<Setting> current;
-  if (!request.type && !request.jsonIn) current = session.Get(path);
-  auto const setting = ArgumentSetting(request, current ? &*current : nullptr);
-  Outcome(path, session.Replace(path, setting) ? "replaced" : "unchanged");
+  Print(TypedDocumentText(path, session.Read(path)));
 }
 
 void Attr(Session& session, Request const& request) {
   auto const path = ParsePath(request.path);
   if (!request.readOnlyMark) {
-    fmt::print("read-only: {}\n", session.GetAttributes(path).readOnly);
+    bool const mark = session.Read(path).attributes.readOnly;
+    if (request.style.json)
+      PrintJson({{"path", ShowPath(path)}, {"readOnly", mark}});
+    else
+      Print(fmt::format("read-only: {}\n", mark));
     return;
   }
-  Outcome(path, session.SetAttributes(path, settings_manager::Attributes{*request.readOnlyMark})
-                    ? "changed"
-                    : "unchanged");
+  Outcome(request, path,
+          session.SetAttributes(path, settings_manager::Attributes{*request.readOnlyMark})
+              ? "changed"
+              : "unchanged");
+}
+
+void Set(Session& session, Request const& request) {
+  auto const path = ParsePath(request.path);
+  session.Open();
+  auto const current = session.Read(path);
+  auto const value = ArgumentValue(request, &current);
+  // Without --type a map stays a map and a list a list.
+  if (!request.type && IsContainer(current.index()) && value.index() != current.index())
+    throw Failure(status::kRefused,
+                  fmt::format("it is {}, and '{}' is {}; --type {} changes its kind",
+                              ATypeName(current.index()), *request.value, ATypeName(value.index()),
+                              TypeName(value.index())));
+  Setting const setting(value);
+  CheckDepth(path, setting);
+  Outcome(request, path, session.SetValue(path, value) ? "changed" : "unchanged");
+}
+
+void Create(Session& session, Request const& request) {
+  auto const path = ParsePath(request.path);
+  if (path.empty()) throw UsageFailure("the whole tree always exists; import replaces it");
+  auto const setting = ArgumentSetting(request, nullptr);
+  CheckDepth(path, setting);
+  Outcome(request, path, session.Create(path, setting) ? "created" : "unchanged");
+}
+
+void Replace(Session& session, Request const& request) {
+  auto const path = ParsePath(request.path);
+  if (path.empty()) throw UsageFailure("import replaces the whole tree");
+  session.Open();
+  auto const current = session.Read(path);
+  auto const setting = ArgumentSetting(request, request.type || request.from ? nullptr : &current);
+  CheckDepth(path, setting);
+  if (current != setting) RefuseReadOnly(request, path, current);
+  Outcome(request, path, session.Replace(path, setting) ? "replaced" : "unchanged");
 }
 
 void Delete(Session& session, Request const& request) {
   auto const path = ParsePath(request.path);
+  if (path.empty())
+    throw UsageFailure("the whole tree cannot be deleted (importing {} empties it)");
+  session.Open();
+  RefuseReadOnly(request, path, session.Read(path));
   session.Delete(path);
-  Outcome(path, "deleted");
-}
-
-void Export(Session& session, Request const& request) {
-  auto const path = ParsePath(request.path);
-  fmt::print("{}", TypedDocumentText(path, session.Get(path)));
-}
-
-// One setting an import writes, and what was there before it (to undo a partial import).
-struct ImportItem {
-  uvc::Path path;
-  Setting setting;
-  std::optional<Setting> before;
-};
-
-void Undo(Session& session, std::vector<ImportItem> const& done) {
-  for (auto it = done.rbegin(); it != done.rend(); ++it) {
-    try {
-      if (it->before)
-        session.Replace(it->path, *it->before);
-      else
-        session.Delete(it->path);
-    } catch (Failure const& failure) {
-      fmt::print(stderr, "settingsctl: import: could not undo {}: {}\n", ShowPath(it->path),
-                 failure.what());
-    }
-  }
+  Outcome(request, path, "deleted");
 }
 
 void Import(Session& session, Request const& request) {
   auto document = LoadDocument(request.file);
   auto const target = request.at ? ParsePath(*request.at) : document.path.value_or(uvc::Path());
-  std::vector<ImportItem> items;
-  if (!target.empty()) {
-    items.push_back({target, std::move(document.node), std::nullopt});
-  } else {
-    // The whole tree: each top-level setting on its own, as the root cannot be written.
-    auto* map = std::get_if<ix::kMap>(&document.node);
-    if (map == nullptr)
-      throw UsageFailure(fmt::format("the whole tree is a map, not a {}; give --at PATH",
-                                     TypeName(document.node.index())));
-    for (auto& [key, child] : *map)
-      items.push_back(
-          {uvc::Path{uvc::Id(std::in_place_index<1>, key)}, std::move(child), std::nullopt});
-  }
-  for (auto& item : items) item.before = session.Find(item.path);
+  CheckDepth(target, document.node);
+  if (target.empty() && document.node.index() != ix::kMap)
+    throw UsageFailure(fmt::format("the whole tree is a map, not {}; give --at PATH",
+                                   ATypeName(document.node.index())));
+  ImportOptions const options{request.merge, request.force};
+  std::vector<ImportOutcome> outcomes;
+  session.Edit([&](Setting& tree) { outcomes = ImportInto(tree, target, document.node, options); });
+  for (auto const& [path, what] : outcomes) Outcome(request, path, what);
+}
 
-  // Outcomes are printed once all of them stand.
-  std::vector<std::pair<uvc::Path, char const*>> outcomes;
-  std::vector<ImportItem> done;
-  for (auto& item : items) {
-    try {
-      bool const changed = item.before ? session.Replace(item.path, item.setting)
-                                       : session.Create(item.path, item.setting);
-      outcomes.emplace_back(item.path, !changed      ? "unchanged"
-                                       : item.before ? "replaced"
-                                                     : "created");
-      if (changed) done.push_back(std::move(item));
-    } catch (Failure const& failure) {
-      Undo(session, done);
-      throw Failure(failure.ExitStatus(),
-                    fmt::format("{}: {}", ShowPath(item.path), failure.what()));
-    }
-  }
-  for (auto const& [path, what] : outcomes) Outcome(path, what);
+void Backup(Session& session, Request const& request) {
+  CheckFile(request.file, true, "the backup", status::kBadInput);
+  session.Backup(request.file);
+  PrintOutcome(request.style, request.file, "written");
+}
+
+void Restore(Session& session, Request const& request) {
+  Outcome(request, uvc::Path(), session.Restore(request.file) ? "restored" : "unchanged");
 }
 
 }  // namespace
 
 void RunAction(Session& session, Request const& request) {
   static std::map<std::string, std::function<void(Session&, Request const&)>> const actions{
-      {"get", Get},       {"set", Set},   {"create", Create}, {"replace", Replace}, {"attr", Attr},
-      {"delete", Delete}, {"dump", Dump}, {"export", Export}, {"import", Import}};
+      {"get", Get},       {"ls", Ls},         {"dump", Dump},     {"export", Export},
+      {"attr", Attr},     {"set", Set},       {"create", Create}, {"replace", Replace},
+      {"delete", Delete}, {"import", Import}, {"backup", Backup}, {"restore", Restore}};
   auto const action = actions.find(request.verb);
-  if (action == actions.end()) throw UsageFailure("no such command");
+  if (action == actions.end()) throw UsageFailure("no such verb");
   action->second(session, request);
 }
 

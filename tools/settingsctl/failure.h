@@ -5,12 +5,18 @@
 
 namespace settingsctl {
 
-// Exit statuses of the tool.
+// Exit statuses of the tool; README's table lists them for scripts.
 namespace status {
-constexpr int kOk = 0;
-constexpr int kFailed = 1;  // the library refused or failed, or a database would not open
-constexpr int kUsage = 2;   // a bad command line, path, value, type or JSON document
+constexpr int kOk = 0;        // done, or nothing to change (the output says which)
+constexpr int kFailed = 1;    // any other failure: output that cannot be written, ...
+constexpr int kBadInput = 2;  // a bad command line, path, value, type or document
+constexpr int kNotFound = 3;  // no such setting
+constexpr int kRefused = 4;   // read-only, a different setting is there, a change of kind
+constexpr int kDatabase = 5;  // the database is missing, not a file, unusable or failing
 }  // namespace status
+
+// The word for a failed exit status in JSON errors: "bad-input", "not-found", ...
+char const* StatusName(int exitStatus) noexcept;
 
 // A failure that ends one command: reported in one line, with its exit status. Thrown
 // before anything is changed wherever the tool can check first.
@@ -24,6 +30,8 @@ class Failure : public std::runtime_error {
   int exitStatus_;
 };
 
-inline Failure UsageFailure(std::string const& message) { return Failure(status::kUsage, message); }
+inline Failure UsageFailure(std::string const& message) {
+  return Failure(status::kBadInput, message);
+}
 
 }  // namespace settingsctl

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -7,12 +9,18 @@
 
 namespace settingsctl {
 
-// Parses a path as users write it: "network/port", with an optional final slash; "" and
-// "/" name the whole tree. Throws a usage Failure that says what is wrong with it.
+// The deepest nesting the tool accepts, in path steps from the root to the deepest node:
+// paths, values and documents alike. To become the library's own limit.
+constexpr std::size_t kMaxDepth = 256;
+
+// Parses a path as users write it: "network/port", with an optional leading and final
+// slash; "" and "/" name the whole tree. Throws a usage Failure that names the rule the
+// path breaks: "invalid path 'wifi/5ghz': a key must not begin with a digit ('5ghz')".
 uvc::Path ParsePath(std::string_view text);
 
-// Whether `key` may name a setting; `reason` says why not.
-bool IsValidKey(std::string const& key, std::string& reason);
+// The rule `key` breaks as a key of a map ("a key must not hold ' ' (a blank)"), or
+// nothing when it may name a setting.
+std::optional<std::string> KeyProblem(std::string_view key);
 
 // The path as users write it: "network/port" without the final slash, "/" for the root.
 std::string ShowPath(uvc::Path const& path);

@@ -23,10 +23,8 @@ Setting FromPlainJson(nlohmann::json const& json, nlohmann::json::json_pointer c
       Setting map(Value(std::in_place_index<uvc::index::kMap>));
       auto& children = std::get<uvc::index::kMap>(map);
       for (auto const& [key, child] : json.items()) {
-        std::string reason;
-        if (!IsValidKey(key, reason))
-          throw UsageFailure(
-              fmt::format("at {}: the key '{}' holds {}", Where(where), key, reason));
+        if (auto const problem = KeyProblem(key))
+          throw UsageFailure(fmt::format("at {}: '{}': {}", Where(where), key, *problem));
         children.emplace(key, FromPlainJson(child, where / key));
       }
       return map;

@@ -1,7 +1,9 @@
 #include "session.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -9,6 +11,7 @@
 #include "fdn/result_codes.h"
 
 #include "failure.h"
+#include "report.h"
 
 namespace settingsctl {
 namespace {
@@ -17,18 +20,48 @@ namespace rc = fdn::rc;
 using settings_manager::Attributes;
 using settings_manager::Setting;
 
-// "read-only (Prohibited = 0x80000066)": what it means here, then the library's text.
-[[noreturn]] void Fail(int code, char const* hint) {
-  auto const text = fdn::ResultCodeText(code);
-  throw Failure(status::kFailed, hint != nullptr ? fmt::format("{} ({})", hint, text) : text);
+// The exit status of a library failure code.
+int StatusOf(int code) {
+  switch (code) {
+    case rc::kNotFound:
+    case rc::kNotMatched:
+      return status::kNotFound;
+    case rc::kProhibited:
+    case rc::kFound:
+      return status::kRefused;
+    case rc::kInvalidArgument:
+    case rc::kInvalidState:
+      return status::kBadInput;
+    case rc::kInterfaceNotSupported:
+    case rc::kOutOfMemory:
+    case rc::kUnexpected:
+    case rc::kUnknownException:
+      return status::kFailed;
+    default:
+      // Everything else comes from the store: the file, its rows, SQLite.
+      return status::kDatabase;
+  }
 }
 
-char const* LookupHint(int code, uvc::Path const& path) {
-  if (code == rc::kNotFound || code == rc::kNotMatched) return "no such setting";
-  if (code == rc::kInvalidArgument)
-    return path.empty() ? "the library reads named settings only, not the whole tree"
-                        : "invalid path";
-  return nullptr;
+char const* Hint(int code) {
+  switch (code) {
+    case rc::kNotFound:
+    case rc::kNotMatched:
+      return "no such setting";
+    case rc::kFound:
+      return "a different setting is already there";
+    case rc::kInvalidArgument:
+      return "invalid path";
+    default:
+      return nullptr;
+  }
+}
+
+// "read-only (Prohibited = 0x80000066)": what it means here, then the library's reason.
+[[noreturn]] void Fail(int code, char const* hint = nullptr) {
+  if (hint == nullptr) hint = Hint(code);
+  auto const reason = LibraryReason(code);
+  throw Failure(StatusOf(code), hint != nullptr ? fmt::format("{} ({})", hint, reason) : reason);
 }
 
 template <typename Role>
@@ -39,102 +72,200 @@ void Take(settings_manager::ISettingsManager& manager,
     Fail(code, "the manager refused an interface");
 }
 
-// The library says only that the file would not open; the file system often says why.
+// The library says only that the file would not open; the file often says why.
 std::string OpenHint(std::string const& file) {
-  namespace fs = std::filesystem;
-  std::error_code error;
-  if (fs::is_directory(file, error)) return " (it is a folder)";
-  auto const folder = fs::path(file).parent_path();
-  if (!folder.empty() && !fs::is_directory(folder, error)) return " (its folder does not exist)";
-  if (fs::exists(file, error) && fs::file_size(file, error) > 0) {
-    char head[16] = {};
-    std::ifstream(file, std::ios::binary).read(head, sizeof head);
-    if (std::memcmp(head, "SQLite format 3", sizeof head) != 0)
-      return " (not an SQLite database file)";
-  }
+  char head[16] = {};
+  std::ifstream in(file, std::ios::binary);
+  if (in.read(head, sizeof head) && std::memcmp(head, "SQLite format 3", sizeof head) != 0)
+    return " (not an SQLite database file)";
   return std::string();
+}
+
+[[noreturn]] void FailDatabase(char const* what, int code, std::string const& file) {
+  throw Failure(status::kDatabase, fmt::format("cannot {} the database '{}': {}{}", what, file,
+                                               LibraryReason(code), OpenHint(file)));
+}
+
+char const* KindOf(mode_t mode) {
+  if (S_ISDIR(mode)) return "a folder";
+  if (S_ISFIFO(mode)) return "a FIFO";
+  if (S_ISCHR(mode)) return "a character device";
+  if (S_ISBLK(mode)) return "a block device";
+  if (S_ISSOCK(mode)) return "a socket";
+  return "not a regular file";
 }
 
 }  // namespace
 
-Session::Session(std::string const& dbPath) {
-  if (int const code = settings_manager::CreateSettingsManager({dbPath}, manager_); code != rc::kOk)
-    throw Failure(status::kFailed, fmt::format("cannot open the database '{}': {}{}", dbPath,
-                                               fdn::ResultCodeText(code), OpenHint(dbPath)));
-  using M = settings_manager::ISettingsManager;
-  Take(*manager_, &M::GetSettingsGetter, getter_);
-  Take(*manager_, &M::GetSettingsCreator, creator_);
-  Take(*manager_, &M::GetSettingsValueSetter, valueSetter_);
-  Take(*manager_, &M::GetSettingsSetter, setter_);
-  Take(*manager_, &M::GetSettingsDeleter, deleter_);
-  Take(*manager_, &M::GetSettingsUpdateSubscriber, subscriber_);
+void CheckFile(std::string const& file, bool mayBeMissing, char const* what, int failStatus) {
+  struct stat info {};
+  if (::stat(file.c_str(), &info) == 0) {
+    if (S_ISREG(info.st_mode)) return;
+    throw Failure(failStatus, fmt::format("{} '{}' is {}, not a regular file", what, file,
+                                          KindOf(info.st_mode)));
+  }
+  if (errno != ENOENT)
+    throw Failure(failStatus,
+                  fmt::format("cannot reach {} '{}': {}", what, file, std::strerror(errno)));
+  if (!mayBeMissing) throw Failure(failStatus, fmt::format("{} '{}' does not exist", what, file));
+  auto folder = std::filesystem::path(file).parent_path();
+  if (folder.empty()) folder = ".";
+  std::error_code error;
+  if (!std::filesystem::is_directory(folder, error))
+    throw Failure(failStatus, fmt::format("the folder of {} '{}' does not exist", what, file));
 }
 
-Setting Session::Get(uvc::Path const& path) const {
+Session::Session(std::string dbPath) : dbPath_(std::move(dbPath)) {}
+
+settings_manager::ISettingsManager& Session::Manager() {
+  if (manager_) return *manager_;
+  if (!InMemory()) CheckFile(dbPath_, true, "the database", status::kDatabase);
+  std::shared_ptr<settings_manager::ISettingsManager> manager;
+  if (int const code = settings_manager::CreateSettingsManager({dbPath_}, manager); code != rc::kOk)
+    FailDatabase("open", code, dbPath_);
+  using M = settings_manager::ISettingsManager;
+  Take(*manager, &M::GetSettingsGetter, getter_);
+  Take(*manager, &M::GetSettingsCreator, creator_);
+  Take(*manager, &M::GetSettingsValueSetter, valueSetter_);
+  Take(*manager, &M::GetSettingsSetter, setter_);
+  Take(*manager, &M::GetSettingsDeleter, deleter_);
+  Take(*manager, &M::GetSettingsUpdateSubscriber, subscriber_);
+  manager_ = std::move(manager);
+  return *manager_;
+}
+
+Setting Session::Read(uvc::Path const& path) {
   Setting node;
-  if (int const code = getter_->GetSetting(path, node); code != rc::kOk)
-    Fail(code, LookupHint(code, path));
+  int code = rc::kOk;
+  if (manager_ || InMemory()) {
+    auto& manager = Manager();
+    code =
+        path.empty() ? settings_manager::GetTree(manager, node) : getter_->GetSetting(path, node);
+  } else {
+    CheckFile(dbPath_, false, "the database", status::kDatabase);
+    code = settings_manager::ReadSettingFromFile(dbPath_, path, node);
+    // Nothing found is an answer; anything else is the file's failure.
+    if (code != rc::kOk && StatusOf(code) == status::kDatabase) FailDatabase("read", code, dbPath_);
+  }
+  if (code != rc::kOk) Fail(code);
   return node;
 }
 
-std::optional<Setting> Session::Find(uvc::Path const& path) const {
-  Setting node;
-  int const code = getter_->GetSetting(path, node);
-  if (code == rc::kOk) return node;
-  if (code == rc::kNotFound || code == rc::kNotMatched) return std::nullopt;
-  Fail(code, LookupHint(code, path));
+std::optional<std::vector<settings_manager::ChildInfo>> Session::List(uvc::Path const& path) {
+  std::vector<settings_manager::ChildInfo> children;
+  if (manager_ || InMemory()) {
+    int const code = settings_manager::ListChildren(Manager(), path, children);
+    // "Not matched" is also a step of the wrong kind on the way; a scalar reads fine.
+    Setting scalar;
+    if (code == rc::kNotMatched && !path.empty() && getter_->GetSetting(path, scalar) == rc::kOk)
+      return std::nullopt;
+    if (code != rc::kOk) Fail(code);
+    return children;
+  }
+  auto const node = Read(path);
+  if (auto const* map = std::get_if<uvc::index::kMap>(&node)) {
+    for (auto const& [key, child] : *map)
+      children.push_back({uvc::Id(std::in_place_index<1>, key), child.index(), child.attributes});
+  } else if (auto const* list = std::get_if<uvc::index::kList>(&node)) {
+    for (std::size_t i = 0; i < list->size(); ++i)
+      children.push_back(
+          {uvc::Id(std::in_place_index<0>, i), (*list)[i].index(), (*list)[i].attributes});
+  } else {
+    return std::nullopt;
+  }
+  return children;
 }
 
-Attributes Session::GetAttributes(uvc::Path const& path) const {
-  Attributes attributes;
-  if (int const code = getter_->GetAttribute(path, attributes); code != rc::kOk)
-    Fail(code, LookupHint(code, path));
-  return attributes;
-}
-
-bool Session::Changed(int code, uvc::Path const& path, char const* hint) {
+bool Session::Changed(int code, uvc::Path const& path) {
   if (code == rc::kOk) {
     changes_.push_back(path);
     return true;
   }
   if (code == rc::kFalse) return false;
-  Fail(code, hint != nullptr ? hint : LookupHint(code, path));
+  Fail(code);
 }
 
 bool Session::Create(uvc::Path const& path, Setting const& setting) {
-  int const code = creator_->CreateSetting(path, setting);
-  return Changed(code, path, code == rc::kFound ? "a different setting is already there" : nullptr);
+  Manager();
+  return Changed(creator_->CreateSetting(path, setting), path);
 }
 
 bool Session::SetValue(uvc::Path const& path, Setting::Value const& value) {
+  Manager();
   int const code = valueSetter_->SetValue(path, value);
-  return Changed(code, path, code == rc::kProhibited ? "read-only" : nullptr);
+  if (code == rc::kProhibited) Fail(code, "read-only");
+  return Changed(code, path);
 }
 
 bool Session::Replace(uvc::Path const& path, Setting const& setting) {
-  return Changed(setter_->SetSetting(path, setting), path, nullptr);
+  Manager();
+  return Changed(setter_->SetSetting(path, setting), path);
 }
 
 bool Session::SetAttributes(uvc::Path const& path, Attributes const& attributes) {
-  return Changed(setter_->SetAttribute(path, attributes), path, nullptr);
+  Manager();
+  return Changed(setter_->SetAttribute(path, attributes), path);
 }
 
 void Session::Delete(uvc::Path const& path) {
+  Manager();
   int const code = deleter_->DeleteSetting(path);
-  if (code == rc::kFalse) throw Failure(status::kFailed, "no such setting");
-  Changed(code, path, code == rc::kProhibited ? "list elements cannot be deleted" : nullptr);
+  if (code == rc::kFalse) throw Failure(status::kNotFound, "no such setting");
+  if (code == rc::kProhibited) Fail(code, "list elements cannot be deleted");
+  Changed(code, path);
+}
+
+bool Session::Edit(std::function<void(Setting& tree)> const& edit) {
+  std::optional<Failure> refusal;
+  std::vector<uvc::Path> changed;
+  int const code = settings_manager::EditTree(Manager(), [&](Setting& tree) {
+    try {
+      Setting const before = tree;
+      edit(tree);
+      // The events this edit will cause, for watch to wait for.
+      return settings_manager::CompareTrees(
+          before, tree,
+          [&changed](uvc::Path const& path, unsigned char) { changed.push_back(path); });
+    } catch (Failure const& failure) {
+      refusal = failure;
+      return rc::kProhibited;
+    }
+  });
+  if (refusal) throw *refusal;
+  if (code == rc::kFalse) return false;
+  if (code != rc::kOk) Fail(code);
+  changes_.insert(changes_.end(), changed.begin(), changed.end());
+  return true;
+}
+
+bool Session::Restore(std::string const& backup) {
+  CheckFile(backup, false, "the backup", status::kBadInput);
+  Setting restored;
+  if (int const code = settings_manager::ReadSettingFromFile(backup, uvc::Path(), restored);
+      code != rc::kOk)
+    throw Failure(status::kBadInput, fmt::format("'{}' is not a settings database: {}{}", backup,
+                                                 LibraryReason(code), OpenHint(backup)));
+  return Edit([&restored](Setting& tree) { std::swap(tree, restored); });
+}
+
+void Session::Backup(std::string const& destination) {
+  if (InMemory()) throw UsageFailure("a tree in memory has no database to back up");
+  CheckFile(dbPath_, false, "the database", status::kDatabase);
+  if (int const code = settings_manager::BackupDatabase(dbPath_, destination); code != rc::kOk)
+    Fail(code);
 }
 
 settings_manager::SubscriptionId Session::Subscribe(
     uvc::Path const& path, std::shared_ptr<settings_manager::ISettingsUpdateObserver> observer) {
+  Manager();
   settings_manager::SubscriptionId id{};
   if (int const code = subscriber_->Subscribe(path, std::move(observer), id); code != rc::kOk)
-    Fail(code, LookupHint(code, path));
+    Fail(code);
   return id;
 }
 
 void Session::Unsubscribe(settings_manager::SubscriptionId id) {
-  if (int const code = subscriber_->Unsubscribe(id); code != rc::kOk) Fail(code, nullptr);
+  if (int const code = subscriber_->Unsubscribe(id); code != rc::kOk) Fail(code);
 }
 
 std::vector<uvc::Path> Session::TakeChanges() { return std::exchange(changes_, {}); }

@@ -51,4 +51,12 @@ std::string ChildrenText(Setting const& container) {
   return fmt::to_string(out);
 }
 
+std::string ListingText(std::vector<ListedChild> const& children) {
+  Buffer out;
+  for (auto const& child : children)
+    fmt::format_to(std::back_inserter(out), "{}: {}{}\n", child.name, TypeName(child.type),
+                   child.readOnly ? " [read-only]" : "");
+  return fmt::to_string(out);
+}
+
 }  // namespace settingsctl

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "settings_manager/setting.h"
 
@@ -18,5 +20,15 @@ std::string TreeText(std::string const& name, settings_manager::Setting const& s
 
 // The listing of the children of a map or list, each at the left margin.
 std::string ChildrenText(settings_manager::Setting const& container);
+
+// One line of `ls`: a child's name, type and read-only mark.
+struct ListedChild {
+  std::string name;
+  std::size_t type;
+  bool readOnly;
+};
+
+// The lines of `ls`, one a child: "port: uint16", "version: string [read-only]".
+std::string ListingText(std::vector<ListedChild> const& children);
 
 }  // namespace settingsctl

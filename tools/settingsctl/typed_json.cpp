@@ -129,8 +129,7 @@ Setting::Value ValueFrom(std::size_t type, Json const& node, Pointer const& wher
       if (!has) return map;
       if (!value.is_object()) Fail(at, "a map's value is an object of nodes");
       for (auto const& [key, child] : value.items()) {
-        std::string reason;
-        if (!IsValidKey(key, reason)) Fail(at, fmt::format("the key '{}' holds {}", key, reason));
+        if (auto const problem = KeyProblem(key)) Fail(at, fmt::format("'{}': {}", key, *problem));
         std::get<ix::kMap>(map).emplace(key, FromTypedJson(child, at / key));
       }
       return map;

@@ -8,11 +8,13 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 
 #include "failure.h"
 #include "path_text.h"
+#include "report.h"
 #include "session.h"
 #include "verbs.h"
 
@@ -72,89 +74,97 @@ std::string KindText(unsigned char kind) {
   }
 }
 
-std::size_t PrintEvents(std::deque<Event> const& events) {
-  for (auto const& event : events)
-    fmt::print("event: {} {}\n", ShowPath(event.path), KindText(event.kind));
+std::size_t PrintEvents(Style const& style, std::deque<Event> const& events) {
+  for (auto const& event : events) {
+    if (style.json)
+      Print(nlohmann::ordered_json{{"event", KindText(event.kind)}, {"path", ShowPath(event.path)}}
+                .dump() +
+            '\n');
+    else
+      Print(fmt::format("event: {} {}\n", ShowPath(event.path), KindText(event.kind)));
+  }
   return events.size();
 }
 
 // One line: its exit status, with its output printed.
-int RunLine(Session& session, std::string const& line) {
-  CLI::App app("Commands: get set create replace attr delete dump export import; exit ends.", "");
+int RunLine(Session& session, Style const& style, std::string const& line) {
+  CLI::App app("Verbs of a watch session, one a line; exit ends.", "");
   app.require_subcommand(1);
   Request request;
   AddVerbs(app, request, false);
+  request.style = style;
   std::string verb;
   std::istringstream(line) >> verb;
-  if (verb == "help") {
-    fmt::print("{}", app.help());
-    return status::kOk;
-  }
   try {
-    if (verb.front() != '-') app.get_subcommand(verb);
-  } catch (CLI::OptionNotFound const&) {
-    fmt::print(stderr, "settingsctl: unknown command '{}' (help lists them)\n", verb);
-    return status::kUsage;
-  }
-  try {
-    app.parse(line, false);
-  } catch (CLI::CallForHelp const&) {
-    fmt::print("{}", app.help());
-    return status::kOk;
-  } catch (CLI::ParseError const& error) {
-    fmt::print(stderr, "settingsctl: {}\n", error.what());
-    return status::kUsage;
-  }
-  if (request.file == "-" || request.jsonIn == "-") {
-    fmt::print(stderr, "settingsctl: {}: standard input carries the commands here\n", request.verb);
-    return status::kUsage;
+    if (verb == "help") {
+      Print(app.help());
+      return status::kOk;
+    }
+    try {
+      if (verb.front() != '-') app.get_subcommand(verb);
+    } catch (CLI::OptionNotFound const&) {
+      throw UsageFailure(fmt::format("unknown verb '{}' (help lists them)", verb));
+    }
+    try {
+      app.parse(line, false);
+    } catch (CLI::CallForHelp const&) {
+      Print(app.help());
+      return status::kOk;
+    } catch (CLI::ParseError const& error) {
+      throw UsageFailure(error.what());
+    }
+    if (request.file == "-" || request.from == "-")
+      throw UsageFailure("standard input carries the commands here");
+  } catch (Failure const& failure) {
+    ReportFailure(style, request.verb, std::string(), failure);
+    return failure.ExitStatus();
   }
   return RunVerb(session, request);
 }
 
 }  // namespace
 
-int Watch(Session& session, std::string const& pathText, std::istream& in) {
+int Watch(Session& session, Request const& request, std::istream& in) {
   uvc::Path watched;
   auto const queue = std::make_shared<EventQueue>();
   settings_manager::SubscriptionId id{};
   try {
-    watched = ParsePath(pathText);
+    watched = ParsePath(request.path);
     id = session.Subscribe(watched, queue);
   } catch (Failure const& failure) {
-    fmt::print(stderr, "settingsctl: watch {}: {}\n", pathText.empty() ? "/" : pathText,
-               failure.what());
+    ReportFailure(request.style, "watch", request.path.empty() ? "/" : request.path, failure);
     return failure.ExitStatus();
   }
   bool const interactive = isatty(STDIN_FILENO) == 1;
   if (interactive)
-    fmt::print(stderr, "Watching {}. Enter commands (help lists them); end with exit or Ctrl-D.\n",
-               watched.empty() ? std::string("the whole tree") : ShowPath(watched));
+    std::fprintf(stderr,
+                 "Watching %s. Enter commands (help lists them); end with exit or Ctrl-D.\n",
+                 watched.empty() ? "the whole tree" : ShowPath(watched).c_str());
 
   int result = status::kOk;
   std::string line;
   for (;;) {
-    if (interactive) fmt::print("> ");
+    if (interactive) Print("> ");
     std::fflush(stdout);
     if (!std::getline(in, line)) break;
     auto const start = line.find_first_not_of(" \t");
     if (start == std::string::npos || line[start] == '#') continue;
     if (line.substr(start, line.find_last_not_of(" \t") + 1 - start) == "exit") break;
 
-    if (int const lineStatus = RunLine(session, line); lineStatus != status::kOk)
+    if (int const lineStatus = RunLine(session, request.style, line); lineStatus != status::kOk)
       result = lineStatus;
     // Each change of a distinct path in the watched subtree is one event for us.
     std::set<uvc::Path> expected;
     for (auto& path : session.TakeChanges())
       if (IsWithin(path, watched)) expected.insert(std::move(path));
-    auto const delivered = PrintEvents(queue->Take(expected.size(), kPatience));
+    auto const delivered = PrintEvents(request.style, queue->Take(expected.size(), kPatience));
     if (delivered < expected.size())
-      fmt::print(stderr, "settingsctl: watch: {} event(s) not delivered in time\n",
-                 expected.size() - delivered);
+      ReportFailure(request.style, "watch", std::string(),
+                    Failure(status::kFailed, fmt::format("{} event(s) not delivered in time",
+                                                         expected.size() - delivered)));
   }
   session.Unsubscribe(id);
-  PrintEvents(queue->Take(0, std::chrono::milliseconds(0)));
-  std::fflush(stdout);
+  PrintEvents(request.style, queue->Take(0, std::chrono::milliseconds(0)));
   return result;
 }
 
