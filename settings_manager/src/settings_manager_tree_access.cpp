@@ -21,6 +21,13 @@ auto* Implementation(Manager& manager) {
   return dynamic_cast<Target*>(&manager);
 }
 
+// Fills in what `info` tells of `child` but its id.
+ChildInfo& Describe(Setting const& child, ChildInfo& info) {
+  info.type = child.index();
+  info.attributes = child.attributes;
+  return info;
+}
+
 }  // namespace
 
 int SettingsManager::ListChildren(uvc::Path const& path, std::vector<ChildInfo>& out) const {
@@ -32,14 +39,11 @@ int SettingsManager::ListChildren(uvc::Path const& path, std::vector<ChildInfo>&
       Setting const& node = uvc::GetItem(tree, path);
       if (auto const* map = std::get_if<uvc::index::kMap>(&node)) {
         children.reserve(map->size());
-        for (auto const& [key, child] : *map)
-          children.push_back(
-              {uvc::Id(std::in_place_index<1>, key), child.index(), child.attributes});
+        for (auto const& [key, child] : *map) Describe(child, children.emplace_back()).id = key;
       } else if (auto const* list = std::get_if<uvc::index::kList>(&node)) {
         children.reserve(list->size());
         for (std::size_t i = 0; i < list->size(); ++i)
-          children.push_back(
-              {uvc::Id(std::in_place_index<0>, i), (*list)[i].index(), (*list)[i].attributes});
+          Describe((*list)[i], children.emplace_back()).id.emplace<0>(i);
       } else {
         throw uvc::Error(fdn::rc::kNotMatched, "Not a map or a list");
       }

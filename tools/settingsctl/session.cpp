@@ -163,13 +163,16 @@ std::optional<std::vector<settings_manager::ChildInfo>> Session::List(uvc::Path 
     return children;
   }
   auto const node = Read(path);
+  auto describe = [&children](Setting const& child) -> settings_manager::ChildInfo& {
+    auto& info = children.emplace_back();
+    info.type = child.index();
+    info.attributes = child.attributes;
+    return info;
+  };
   if (auto const* map = std::get_if<uvc::index::kMap>(&node)) {
-    for (auto const& [key, child] : *map)
-      children.push_back({uvc::Id(std::in_place_index<1>, key), child.index(), child.attributes});
+    for (auto const& [key, child] : *map) describe(child).id = key;
   } else if (auto const* list = std::get_if<uvc::index::kList>(&node)) {
-    for (std::size_t i = 0; i < list->size(); ++i)
-      children.push_back(
-          {uvc::Id(std::in_place_index<0>, i), (*list)[i].index(), (*list)[i].attributes});
+    for (std::size_t i = 0; i < list->size(); ++i) describe((*list)[i]).id.emplace<0>(i);
   } else {
     return std::nullopt;
   }
