@@ -27,6 +27,8 @@ set(SM_INSTALL_PLATFORM_HEADERS
 
 # The public headers need C++17; the exported target tells the client's build so.
 target_compile_features(settings_manager PUBLIC cxx_std_17)
+target_include_directories(settings_manager PUBLIC
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
 install(TARGETS settings_manager
   EXPORT settings_manager_targets
@@ -40,6 +42,10 @@ install(DIRECTORY
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
   COMPONENT development
   FILES_MATCHING PATTERN "*.h")
+
+install(FILES "${PROJECT_BINARY_DIR}/include/settings_manager/version.h"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/settings_manager"
+  COMPONENT development)
 
 foreach(header IN LISTS SM_INSTALL_PLATFORM_HEADERS)
   get_filename_component(subdir "${header}" DIRECTORY)
@@ -68,11 +74,11 @@ configure_package_config_file(
   "${PROJECT_SOURCE_DIR}/cmake/settings_managerConfig.cmake.in"
   "${PROJECT_BINARY_DIR}/cmake/settings_managerConfig.cmake"
   INSTALL_DESTINATION "${SM_INSTALL_CMAKEDIR}")
-# 0.x releases: a client asking for 0.1 must not get 0.2 (SOVERSION is the major number,
-# so the library file itself changes name only from 1.0 on).
+# Same promise as the library file's name (SOVERSION is the major number): a client asking
+# for 0.1 takes any later 0.y, never 1.0 (README.md, "Versions and compatibility").
 write_basic_package_version_file(
   "${PROJECT_BINARY_DIR}/cmake/settings_managerConfigVersion.cmake"
-  COMPATIBILITY SameMinorVersion)
+  COMPATIBILITY SameMajorVersion)
 install(FILES
   "${PROJECT_BINARY_DIR}/cmake/settings_managerConfig.cmake"
   "${PROJECT_BINARY_DIR}/cmake/settings_managerConfigVersion.cmake"
