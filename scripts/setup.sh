@@ -8,7 +8,7 @@ packages=(
   libsqlite3-dev sqlite3 libfmt-dev
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  binutils
+  binutils help2man
   make doxygen dpkg-dev file
 )
 
