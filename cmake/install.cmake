@@ -113,5 +113,4 @@ if(TARGET settingsctl)
   include("${CMAKE_CURRENT_LIST_DIR}/settingsctl_install.cmake")
 endif()
 
-include("${CMAKE_CURRENT_LIST_DIR}/packaging.cmake")
 include("${CMAKE_CURRENT_LIST_DIR}/docs.cmake")

@@ -9,7 +9,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   binutils help2man
-  make doxygen dpkg-dev file
+  make doxygen dpkg-dev debhelper lintian
 )
 
 missing=()

@@ -88,7 +88,7 @@ elseif(STEP STREQUAL "find_package")
   set(dir "${WORK}/find_package")
   file(REMOVE_RECURSE "${dir}")
   list(JOIN warnings " " flags)
-  run(COMMAND "${CMAKE_COMMAND}" -S "${example}" -B "${dir}" -G "${GENERATOR}"
+  run(COMMAND "${CMAKE_COMMAND}" -S "${example}" -B "${dir}" -G "${GENERATOR}" --no-warn-unused-cli
               "-DCMAKE_CXX_COMPILER=${CXX}" -DCMAKE_BUILD_TYPE=
               "-DCMAKE_CXX_FLAGS=${flags}" "-DCMAKE_PREFIX_PATH=${PREFIX}"
               -DCMAKE_DISABLE_FIND_PACKAGE_SQLite3=ON)
