@@ -156,7 +156,8 @@ elseif(STEP STREQUAL "tool")
 
   # Completion as bash asks for it: "the words up to the cursor|the replies, sorted".
   set(completion "${PREFIX}/share/bash-completion/completions/settingsctl")
-  foreach(case "im|import" "get --d|--db" "create --type uint|uint16 uint32 uint64 uint8"
+  foreach(case "im|import" "--db ${WORK}/tool.db im|import" "get --d|--db"
+               "create --type uint|uint16 uint32 uint64 uint8"
                "create --json ${WORK}/tool.d|${WORK}/tool.db"
                "import --at a ${WORK}/tool.d|${WORK}/tool.db")
     string(REPLACE "|" ";" case "${case}")
