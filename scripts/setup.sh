@@ -8,8 +8,8 @@ packages=(
   libsqlite3-dev sqlite3 libfmt-dev
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  binutils
-  make doxygen dpkg-dev file
+  binutils help2man
+  make doxygen dpkg-dev debhelper lintian
 )
 
 missing=()

@@ -20,10 +20,11 @@ add_library(settings_manager SHARED src/product_name.cpp
   $<TARGET_OBJECTS:sm_manager> $<TARGET_OBJECTS:platform>)
 add_library(settings_manager::settings_manager ALIAS settings_manager)
 target_compile_definitions(settings_manager PRIVATE "SM_PRODUCT_NAME=\"${SM_PRODUCT_NAME}\"")
+# Where the headers are once installed: cmake/install.cmake.
 target_include_directories(settings_manager PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
-  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform/include>
-  $<INSTALL_INTERFACE:include>)
+  $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform/include>)
 target_link_libraries(settings_manager
   PUBLIC fmt::fmt
   PRIVATE

@@ -107,6 +107,7 @@ int main(int argc, char** argv) {
   auto const stored = std::get<std::uint16_t>(value);
   std::printf("reopened: %s = %u\n", sm::PathToStr(port).c_str(), unsigned{stored});
   if (stored != 8081) return Fail("read after reopen", fdn::rc::kInvalidResult);
-  std::printf("consumer: ok\n");
+  std::printf("consumer: ok, built against libsettings_manager %s\n",
+              SETTINGS_MANAGER_VERSION_STRING);
   return 0;
 }

@@ -7,5 +7,6 @@
 #include "settings_manager/interfaces.h"
 #include "settings_manager/paths.h"
 #include "settings_manager/setting.h"
+#include "settings_manager/version.h"
 #include "uvc/id.h"
 #include "uvc/path.h"

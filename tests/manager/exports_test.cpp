@@ -20,6 +20,9 @@
 #ifndef SM_SHARED_LIBRARY
 #error "SM_SHARED_LIBRARY must name the built libsettings_manager.so"
 #endif
+#ifndef SM_SOVERSION
+#error "SM_SOVERSION must hold the library file's major number"
+#endif
 #ifndef SM_EXPECTED_PRODUCT_NAME
 #error "SM_EXPECTED_PRODUCT_NAME must hold the configured product text"
 #endif
@@ -42,19 +45,31 @@ CommandResult RunCommand(std::string const& command) {
   return result;
 }
 
-// The demangled names of the defined dynamic symbols.
-std::vector<std::string> ExportedSymbols() {
+struct Export {
+  std::string name;     // demangled
+  std::string version;  // the symbol version node, empty when unversioned
+};
+
+// The defined dynamic symbols, apart from the version nodes' own entries.
+std::vector<Export> ExportedSymbols() {
   auto const nm = RunCommand(std::string("nm -D --defined-only -C '") + SM_SHARED_LIBRARY + "'");
   EXPECT_EQ(nm.status, 0) << nm.output;
-  std::vector<std::string> names;
+  std::vector<Export> exports;
   std::istringstream lines(nm.output);
   for (std::string line; std::getline(lines, line);) {
-    // "<address> <type> <name>"
+    // "<address> <type> <name>[@@<version>]"
     auto const type = line.find(' ');
     if (type == std::string::npos || type + 3 > line.size()) continue;
-    names.push_back(line.substr(type + 3));
+    if (line[type + 1] == 'A') continue;  // a version node
+    std::string name = line.substr(type + 3);
+    std::string version;
+    if (auto const at = name.rfind("@@"); at != std::string::npos) {
+      version = name.substr(at + 2);
+      name.erase(at);
+    }
+    exports.push_back({name, version});
   }
-  return names;
+  return exports;
 }
 
 bool StartsWith(std::string const& text, std::string const& prefix) {
@@ -62,7 +77,8 @@ bool StartsWith(std::string const& text, std::string const& prefix) {
 }
 
 TEST(Exports, OnlyThePublicApiIsExported) {
-  auto const symbols = ExportedSymbols();
+  std::vector<std::string> symbols;
+  for (auto const& symbol : ExportedSymbols()) symbols.push_back(symbol.name);
   ASSERT_FALSE(symbols.empty());
   std::vector<std::string> const allowed = {
       "settings_manager::CreateSettingsManager(",
@@ -120,6 +136,16 @@ TEST(Exports, OnlyThePublicApiIsExported) {
   EXPECT_TRUE(has("settings_manager::EditTree(settings_manager::ISettingsManager&"));
   EXPECT_TRUE(has("sdkProdName"));
   EXPECT_TRUE(has("typeinfo for uvc::Error"));
+}
+
+// Each export belongs to the node of the release that added it: SETTINGS_MANAGER_<the
+// library file's major number>.<minor>, the nodes the Debian symbols file names.
+TEST(Exports, EveryExportCarriesAReleaseVersionNode) {
+  std::regex const node("SETTINGS_MANAGER_" SM_SOVERSION R"(\.[0-9]+)");
+  auto const exports = ExportedSymbols();
+  ASSERT_FALSE(exports.empty());
+  for (auto const& symbol : exports)
+    EXPECT_TRUE(std::regex_match(symbol.version, node)) << symbol.name << " @@" << symbol.version;
 }
 
 TEST(Exports, ProductTextSitsInItsOwnSection) {
