@@ -158,7 +158,7 @@ elseif(STEP STREQUAL "tool")
   set(completion "${PREFIX}/share/bash-completion/completions/settingsctl")
   foreach(case "im|import" "--db ${WORK}/tool.db im|import" "get --d|--db"
                "create --type uint|uint16 uint32 uint64 uint8"
-               "create --json ${WORK}/tool.d|${WORK}/tool.db"
+               "create --from ${WORK}/tool.d|${WORK}/tool.db"
                "import --at a ${WORK}/tool.d|${WORK}/tool.db")
     string(REPLACE "|" ";" case "${case}")
     list(GET case 0 words)
