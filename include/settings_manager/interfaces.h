@@ -125,6 +125,14 @@ class SETTINGS_MANAGER_API ISettingsUpdateSubscriber {
 /// role interface that shares ownership of the manager: the manager lives until the last
 /// root or role pointer is released. Returns 0, or 0x80000001 (with `out` unchanged) when
 /// the manager is being destroyed.
+///
+/// Releasing the last pointer destroys the manager on the releasing thread: it waits for
+/// an Update in progress to return, calls no further observer, drops the notifications
+/// not yet delivered and closes the database. An observer may itself end up holding the
+/// last pointer (one it promoted from a std::weak_ptr inside Update): the manager is then
+/// destroyed on the event thread, where the observer lets go of it, in the same way; the
+/// observer object outlives its own Update, and the event thread ends by itself as soon
+/// as that Update returns.
 class SETTINGS_MANAGER_API ISettingsManager {
  public:
   virtual ~ISettingsManager() = default;

@@ -101,12 +101,19 @@ SettingsManager::~SettingsManager() {
   try {
     stopEvents.exchange(true);
     try {
-      if (eventThread.joinable()) eventThread.join();
+      if (eventThread.joinable()) {
+        // An observer let go of the last reference inside Update: this is the event
+        // thread, which returns from Update without touching the manager and ends.
+        if (eventThread.get_id() == std::this_thread::get_id())
+          eventThread.detach();
+        else
+          eventThread.join();
+      }
     } catch (std::exception const& e) {
       SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "~SettingsManager",
                       "{} Event thread join fail: {}", id, e.what());
     }
-    PostCallbacks();
+    ReleaseWaiters();
   } catch (...) {
     auto const result = uvc::ProcessException();
     SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "~SettingsManager",

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -16,7 +17,6 @@
 #include "settings_db.h"
 #include "settings_manager/interfaces.h"
 #include "settings_manager/tree_access.h"
-#include "tern/rtl/semaphore.h"
 
 namespace settings_manager {
 
@@ -27,6 +27,9 @@ namespace settings_manager {
 // exclusively, it writes the database, changes the tree and queues its event; after the
 // lock it lets the EventThread guard start delivery, and logs. Locks are never nested,
 // and none is held while an observer is called.
+//
+// The manager is always owned by a std::shared_ptr (the factory makes it so): the event
+// thread tells by its weak self-reference whether the last owner has let go.
 class SettingsManager final : public ISettingsManager,
                               public ISettingsCreator,
                               public ISettingsGetter,
@@ -53,8 +56,10 @@ class SettingsManager final : public ISettingsManager,
   // Loads the whole tree from the database of `config` (or starts with an empty root map
   // without one). Throws on any failure.
   explicit SettingsManager(SettingsManagerConfig const& config);
-  // Stops delivery (an Update in progress finishes, pending events are dropped) and
-  // releases every waiting Unsubscribe. Must not run on the event thread.
+  // Stops delivery (an Update in progress on the event thread finishes first, pending
+  // events are dropped) and releases every waiting Unsubscribe. Run on the event thread
+  // (an observer let go of the last reference inside Update) it leaves that thread to
+  // end by itself: the thread returns from Update without touching the manager again.
   ~SettingsManager() override;
 
   int GetSettingsCreator(std::shared_ptr<ISettingsCreator>& out) override;
@@ -108,32 +113,57 @@ class SettingsManager final : public ISettingsManager,
 
   // Queues `kind` for `path` while someone listens; needs treeLock held exclusively.
   void PushEvent_(EventThread& guard, uvc::Path&& path, unsigned char kind) noexcept;
-  // The event thread's body and its steps.
+  // The event thread's body and its steps. `self` is the manager's weak self-reference:
+  // NotifyEvent returns false, having touched nothing after the call, when the last owner
+  // let go during an Update.
   void NotifyClients();
   bool TakeEvents(EventMap& batch);
-  void NotifyEvent(EventMap& batch);
-  // Releases every Unsubscribe waiting for the callback in progress to end.
-  void PostCallbacks();
+  bool NotifyEvent(EventMap& batch, std::weak_ptr<SettingsManager> const& self);
+  // Counts the end of the callback in progress and wakes the Unsubscribe calls waiting
+  // for it; needs subscribersLock.
+  void CallbackEnded();
+  // Ends a delivery cut short (stop, failure): nobody may wait for the observers left.
+  void EndDelivery();
+  // For the destructor: releases every waiting Unsubscribe and waits until each has left
+  // its wait (so that the lock and condition it waits on outlive it).
+  void ReleaseWaiters();
 
   // Declaration order is construction order; destruction closes the database only
   // after the event thread has ended and the tree is gone.
   std::string const id;
   std::unique_ptr<settings_db::SettingsDB> db;  // guarded by treeLock
+  // Set once, first thing in the destructor; the event thread reads it before each
+  // observer call and each batch, and stops. (It also stops as soon as the manager's
+  // last owner has let go, which it tells by the weak self-reference.)
   std::atomic<bool> stopEvents{false};
   std::thread eventThread;  // guarded by threadLock
   mutable std::shared_mutex treeLock;
   Setting tree;  // guarded by treeLock; always a map
   std::mutex threadLock;
+  // True while no event thread works on events. Set true only under treeLock, when
+  // nothing at all is left; whoever exchanges it from true to false starts a thread.
   std::atomic<bool> eventsIdle{true};
   EventMap events;  // guarded by treeLock (exclusive)
+  // Whether anyone is subscribed: written under subscribersLock, read by the changes
+  // (under treeLock only) to decide whether to queue, and by the event thread to drop.
   std::atomic<bool> eventsEnabled{false};
   std::mutex subscribersLock;
-  std::map<SubscriptionId, SubscriptionEntry> subscriptions;  // guarded by subscribersLock
-  ObserversByPath observersByPath;                            // guarded by subscribersLock
-  std::set<ISettingsUpdateObserver*> activeObservers;         // guarded by subscribersLock
-  std::atomic<std::uint64_t> waitingUnsubscribers{0};
-  std::uint64_t lastSubscriptionId = 0;  // guarded by subscribersLock
-  tern::rtl::Semaphore callbackDone;
+  // The rest is guarded by subscribersLock.
+  std::map<SubscriptionId, SubscriptionEntry> subscriptions;
+  ObserversByPath observersByPath;
+  // The observers still to be called for the event being delivered, in call order; the
+  // first is the one being called, or about to be. Empty between deliveries. Its
+  // references are never the last: observersByPath, or the Unsubscribe waiting for the
+  // observer, holds another until the entry is gone.
+  ObserverSet activeObservers;
+  std::uint64_t waitingUnsubscribers = 0;  // Unsubscribe calls in the wait below
+  std::uint64_t lastSubscriptionId = 0;
+  // Advances when the callback of the first active observer ends (or the delivery is cut
+  // short, or the manager stops). An Unsubscribe that found its observer active waits
+  // until it has moved past the value it saw: the end of the very callback in progress.
+  std::uint64_t finishedCallbacks = 0;
+  // Waited on with subscribersLock: finishedCallbacks moved, or a waiter left.
+  std::condition_variable callbackDone;
 };
 
 }  // namespace settings_manager

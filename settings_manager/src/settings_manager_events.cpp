@@ -55,8 +55,11 @@ void SettingsManager::PushEvent_(EventThread& guard, uvc::Path&& path,
 }
 
 void SettingsManager::NotifyClients() {
+  // Tells, without touching the manager, whether its last owner has let go.
+  std::weak_ptr<SettingsManager> const self = weak_from_this();
   EventMap batch;
-  while (TakeEvents(batch) && !batch.empty()) NotifyEvent(batch);
+  while (!self.expired() && TakeEvents(batch) && !batch.empty())
+    if (!NotifyEvent(batch, self)) return;
 }
 
 bool SettingsManager::TakeEvents(EventMap& batch) {
@@ -90,17 +93,18 @@ bool SettingsManager::TakeEvents(EventMap& batch) {
   }
 }
 
-void SettingsManager::NotifyEvent(EventMap& batch) {
+bool SettingsManager::NotifyEvent(EventMap& batch, std::weak_ptr<SettingsManager> const& self) {
   auto const taken = batch.extract(batch.begin());
   uvc::Path const& path = taken.key();
   unsigned char const kind = taken.mapped();
   try {
-    ISettingsUpdateObserver* current = nullptr;
+    // Held while its Update runs: if the manager is destroyed meanwhile, the observer
+    // still outlives its own call.
+    std::shared_ptr<ISettingsUpdateObserver> current;
     std::size_t clients = 0;
     {
       std::lock_guard<std::mutex> lock(subscribersLock);
-      activeObservers.clear();
-      std::set<ISettingsUpdateObserver*> selected;
+      ObserverSet selected;
       // Every listener of the path or an ancestor sorts at or before the path itself.
       for (auto it = observersByPath.upper_bound(path); it != observersByPath.begin();) {
         --it;
@@ -109,7 +113,7 @@ void SettingsManager::NotifyEvent(EventMap& batch) {
           selected.clear();  // shutting down: the event is abandoned
           break;
         }
-        for (auto const& observer : it->second) selected.insert(observer.get());
+        selected.insert(it->second.begin(), it->second.end());
       }
       if (!selected.empty()) {
         activeObservers.swap(selected);
@@ -117,46 +121,51 @@ void SettingsManager::NotifyEvent(EventMap& batch) {
         current = *activeObservers.begin();
       }
     }
-    if (current != nullptr)
+    if (current)
       SM_LOG(LogLevel::Debug, kManagerSource, "NotifyEvent", "{} Update({}) = {} {} client(s)", id,
              path, KindText(kind), clients);
-    while (!stopEvents && current != nullptr) {
+    while (current && !stopEvents && !self.expired()) {
       current->Update(path, kind);
-      {
-        // Re-key the observer just called as null, so that an Unsubscribe arriving now
-        // no longer finds it and need not wait.
-        std::lock_guard<std::mutex> lock(subscribersLock);
-        activeObservers.erase(activeObservers.begin());
-        activeObservers.insert(nullptr);
-      }
-      PostCallbacks();
+      // Let go before the end is told: a waiting Unsubscribe then holds the library's
+      // last reference, and the client may destroy the observer as soon as it returns.
+      current.reset();
+      // The last owner let go during the call: the manager is gone (destroyed on this
+      // very thread) or going (its destructor waits to join this thread).
+      if (self.expired()) return false;
       std::lock_guard<std::mutex> lock(subscribersLock);
       activeObservers.erase(activeObservers.begin());
-      current = activeObservers.empty() ? nullptr : *activeObservers.begin();
+      CallbackEnded();
+      if (!activeObservers.empty()) current = *activeObservers.begin();
     }
-    // An Unsubscribe of a later observer that came in after the last post waits for a
-    // callback; when none follows it must not wait for the next event.
-    PostCallbacks();
   } catch (...) {
-    // Whatever an observer throws, standard or not, must not end the thread.
+    // Thrown from an Update during which the last owner let go: leave the manager alone.
+    if (self.expired()) return false;
+    // Whatever an observer throws, standard or not, must not end the thread; the rest of
+    // this event's observers are skipped.
     auto const result = uvc::ProcessException();
     SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "NotifyEvent",
                     "{} NotifyEvent: could not notify clients: {}", id, result);
-    // The rest of this event's observers are skipped; nobody may wait for them.
-    {
-      std::lock_guard<std::mutex> lock(subscribersLock);
-      activeObservers.clear();
-    }
-    PostCallbacks();
   }
+  EndDelivery();
+  return true;
 }
 
-void SettingsManager::PostCallbacks() {
-  for (auto waiting = waitingUnsubscribers.load(); waiting != 0;
-       waiting = waitingUnsubscribers.load()) {
-    callbackDone.Post();
-    --waitingUnsubscribers;
-  }
+void SettingsManager::CallbackEnded() {
+  ++finishedCallbacks;
+  if (waitingUnsubscribers != 0) callbackDone.notify_all();
+}
+
+void SettingsManager::EndDelivery() {
+  std::lock_guard<std::mutex> lock(subscribersLock);
+  if (activeObservers.empty()) return;
+  activeObservers.clear();
+  CallbackEnded();
+}
+
+void SettingsManager::ReleaseWaiters() {
+  std::unique_lock<std::mutex> lock(subscribersLock);
+  CallbackEnded();
+  callbackDone.wait(lock, [this] { return waitingUnsubscribers == 0; });
 }
 
 }  // namespace settings_manager

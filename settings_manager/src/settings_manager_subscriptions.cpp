@@ -53,17 +53,19 @@ int SettingsManager::Unsubscribe(SubscriptionId subscription) {
     observerNode = entry->second.extract(position);
     if (entry->second.empty()) pathNode = observersByPath.extract(entry);
 
-    auto const active = activeObservers.find(observerNode.value().get());
+    auto const active = activeObservers.find(observerNode.value());
     if (active != activeObservers.end()) {
       // Not called yet in this delivery: it will not be. Being called: wait for the end
-      // of the callback in progress.
+      // of the callback in progress, that of the first active observer. Also a wait for
+      // a later one lasts until then: this keeps the rule simple.
       if (active != activeObservers.begin()) activeObservers.erase(active);
+      auto const seen = finishedCallbacks;
       ++waitingUnsubscribers;
-      lock.unlock();
-      callbackDone.Wait();
-    } else {
-      lock.unlock();
+      callbackDone.wait(lock, [&] { return finishedCallbacks != seen; });
+      // The destructor waits for the last waiter to leave.
+      if (--waitingUnsubscribers == 0 && stopEvents) callbackDone.notify_all();
     }
+    lock.unlock();
   } catch (std::exception const&) {
     auto const result = uvc::ProcessException();
     SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "Unsubscribe", "{} Unsubscribe(): {}: '{}'",

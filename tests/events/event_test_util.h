@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -119,6 +118,11 @@ class Recorder : public ISettingsUpdateObserver {
     return seen;
   }
 
+  bool WaitForCalls(std::size_t count) {
+    std::unique_lock<std::mutex> lock(lock_);
+    return changed_.wait_for(lock, kPatience, [&] { return calls_.size() >= count; });
+  }
+
   bool WaitFor(uvc::Path const& path) {
     std::unique_lock<std::mutex> lock(lock_);
     return changed_.wait_for(lock, kPatience, [&] {
@@ -139,6 +143,69 @@ class Recorder : public ISettingsUpdateObserver {
 inline bool CalledBefore(std::shared_ptr<Recorder> const& a, std::shared_ptr<Recorder> const& b) {
   return std::less<ISettingsUpdateObserver*>()(a.get(), b.get());
 }
+
+// Unsubscribes one id from two threads at once. Exactly one of them finds the
+// subscription; the other is refused with 0x8000004C, and that refusal proves that the
+// subscription is out of the registry and that the call which found it has decided
+// whether to wait (and is waiting, if it has to). `returned` runs on each calling thread
+// as soon as its call returns.
+class RacingUnsubscribe {
+ public:
+  RacingUnsubscribe(
+      settings_manager::ISettingsUpdateSubscriber& subscriber, SubscriptionId id,
+      std::function<void(int)> returned = [](int) {})
+      : subscriber_(subscriber), id_(id), returned_(std::move(returned)) {
+    for (auto& thread : threads_) thread = std::thread([this] { Call(); });
+  }
+  ~RacingUnsubscribe() { Join(); }
+  RacingUnsubscribe(RacingUnsubscribe const&) = delete;
+  RacingUnsubscribe& operator=(RacingUnsubscribe const&) = delete;
+
+  // Blocks until one call has been refused; true if the other had not returned by then.
+  bool Refused() {
+    std::unique_lock<std::mutex> lock(lock_);
+    bool const refused =
+        changed_.wait_for(lock, kPatience, [this] { return refusedBy_ != std::thread::id(); });
+    return refused && codes_.size() == 1;
+  }
+  // The thread of the call that found the subscription (once one was refused).
+  std::thread& Finder() {
+    std::lock_guard<std::mutex> lock(lock_);
+    return threads_[0].get_id() == refusedBy_ ? threads_[1] : threads_[0];
+  }
+  bool FinderReturned() const {
+    std::lock_guard<std::mutex> lock(lock_);
+    return codes_.size() == 2;
+  }
+  // Both results, in the order the calls returned, once both have.
+  std::vector<int> Join() {
+    for (auto& thread : threads_)
+      if (thread.joinable()) thread.join();
+    std::lock_guard<std::mutex> lock(lock_);
+    return codes_;
+  }
+
+ private:
+  void Call() {
+    int const rc = subscriber_.Unsubscribe(id_);
+    returned_(rc);
+    {
+      std::lock_guard<std::mutex> lock(lock_);
+      codes_.push_back(rc);
+      if (rc == kNotFound) refusedBy_ = std::this_thread::get_id();
+    }
+    changed_.notify_all();
+  }
+
+  settings_manager::ISettingsUpdateSubscriber& subscriber_;
+  SubscriptionId const id_;
+  std::function<void(int)> const returned_;
+  mutable std::mutex lock_;
+  std::condition_variable changed_;
+  std::vector<int> codes_;       // guarded by lock_
+  std::thread::id refusedBy_{};  // guarded by lock_
+  std::thread threads_[2];       // last: the threads start once the rest is ready
+};
 
 // A manager and its role interfaces; the manager lives while any of them does.
 struct Owners {
@@ -223,46 +290,6 @@ class EventsTest : public ::testing::Test {
     Create(kHold);
     EXPECT_TRUE(hold.observer->WaitFor(kHold));
     return hold;
-  }
-
-  struct Twice {
-    std::vector<int> codes;     // both results, in the order the calls returned
-    bool refusedFirst = false;  // the refused call returned while the other had not
-  };
-
-  // Unsubscribes `id` from two threads at once. Exactly one of them finds the
-  // subscription; the other is refused with 0x8000004C, and that refusal proves that the
-  // subscription is out of the registry and its Unsubscribe is under way. `armed` runs
-  // right after the refusal, `returned` on each calling thread as soon as its call
-  // returns; the result is complete once both calls have returned.
-  Twice UnsubscribeTwice(
-      SubscriptionId id, std::function<void()> const& armed,
-      std::function<void(int)> const& returned = [](int) {}) {
-    std::mutex lock;
-    std::condition_variable changed;
-    Twice twice;
-    auto call = [&] {
-      int const rc = m.subscriber->Unsubscribe(id);
-      returned(rc);
-      {
-        std::lock_guard<std::mutex> guard(lock);
-        twice.codes.push_back(rc);
-      }
-      changed.notify_all();
-    };
-    std::thread first(call);
-    std::thread second(call);
-    {
-      std::unique_lock<std::mutex> guard(lock);
-      EXPECT_TRUE(changed.wait_for(guard, kPatience, [&] {
-        return std::find(twice.codes.begin(), twice.codes.end(), kNotFound) != twice.codes.end();
-      }));
-      twice.refusedFirst = twice.codes.size() == 1;
-    }
-    armed();
-    first.join();
-    second.join();
-    return twice;
   }
 
   // Level-1 NotifyEvent records, one per delivered event with at least one observer.

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <map>
 
 #include "event_test_util.h"
@@ -13,8 +12,8 @@ namespace {
 
 constexpr int kClients = 4;
 constexpr int kOperations = 200;
-constexpr int kChurners = 2;
-constexpr int kChurns = 150;
+constexpr int kChurners = 4;
+constexpr int kChurns = 200;
 
 // Checks what every observer of the test may rely on, whoever it is.
 struct Watch {
@@ -24,6 +23,8 @@ struct Watch {
   std::atomic<int> overlapping{0};
   std::atomic<int> lateStarts{0};  // began after the manager's last owner let go
   std::atomic<int> afterDestruction{0};
+  std::atomic<int> insideAtReturn{0};  // Unsubscribe returned while its observer ran
+  std::atomic<int> stillHeld{0};       // ... or while the library still held it
 
   void Enter() {
     if (running.fetch_add(1) != 0) ++overlapping;
@@ -38,16 +39,23 @@ class Checked : public Recorder {
   explicit Checked(std::shared_ptr<Watch> watch) : watch_(std::move(watch)) {}
   void Update(uvc::Path const& path, unsigned char kind) override {
     watch_->Enter();
-    if (gone) ++lateCalls;
+    inside = true;
+    called = true;
     Recorder::Update(path, kind);
+    // Lets an Unsubscribe come in while the call is still under way.
+    std::this_thread::yield();
+    inside = false;
     watch_->Leave();
   }
-  std::atomic<bool> gone{false};  // set once its only Unsubscribe has returned
-  std::atomic<int> lateCalls{0};
+  std::atomic<bool> inside{false};
+  std::atomic<bool> called{false};
 
  private:
   std::shared_ptr<Watch> const watch_;
 };
+
+// Changed over and over while the churners run.
+uvc::Path const kPulse{"pulse"};
 
 // The paths client `c` owns; no other thread changes them.
 uvc::Path Owned(int c, int i) { return {"t" + std::to_string(c), "k" + std::to_string(i)}; }
@@ -92,27 +100,26 @@ std::map<std::string, int> RunClient(Owners const& m, int c) {
   return last;
 }
 
-// Subscribes short-lived observers here and there and unsubscribes them again.
-void RunChurner(Owners const& m, std::shared_ptr<Watch> const& watch, int c,
-                std::vector<std::shared_ptr<Checked>>& churned) {
-  std::vector<uvc::Path> const places{{}, {"t0"}, {"t1", "k1"}, {"t2"}, {"t3", "k2"}, {"none"}};
-  std::deque<std::pair<std::shared_ptr<Checked>, SubscriptionId>> live;
-  auto drop = [&] {
-    EXPECT_EQ(m.subscriber->Unsubscribe(live.front().second), kOk);
-    live.front().first->gone = true;
-    live.pop_front();
-  };
+// Subscribes short-lived observers, unsubscribes each and destroys it as soon as its
+// Unsubscribe has returned. Every other one listens where the pulse is felt and goes
+// while it is being called, when Unsubscribe has to wait.
+void RunChurner(Owners const& m, std::shared_ptr<Watch> const& watch, int c) {
+  std::vector<uvc::Path> const places{{"t0"}, {"t1", "k1"}, {"t2"}, {"t3", "k2"}, {"none"}};
+  auto const giveUp = std::chrono::steady_clock::now() + kPatience;
   for (int n = 0; n < kChurns; ++n) {
+    bool const whileCalled = n % 2 == 0;
     auto observer = std::make_shared<Checked>(watch);
     SubscriptionId id{};
-    EXPECT_EQ(m.subscriber->Subscribe(places[static_cast<std::size_t>(n + c) % places.size()],
+    EXPECT_EQ(m.subscriber->Subscribe(whileCalled ? (n % 4 == 0 ? uvc::Path{} : kPulse)
+                                                  : places[static_cast<std::size_t>(n + c) % 5],
                                       observer, id),
               kOk);
-    churned.push_back(observer);
-    live.emplace_back(std::move(observer), id);
-    if (live.size() > 3) drop();
-  }
-  while (!live.empty()) drop();
+    while (whileCalled && !observer->called && std::chrono::steady_clock::now() < giveUp)
+      std::this_thread::yield();
+    EXPECT_EQ(m.subscriber->Unsubscribe(id), kOk);
+    if (observer->inside) ++watch->insideAtReturn;
+    if (observer.use_count() != 1) ++watch->stillHeld;
+  }  // the last reference goes here
 }
 
 using StressTest = EventsTest;
@@ -127,14 +134,26 @@ TEST_F(StressTest, ConcurrentChangesAndSubscriptionsKeepTheDeliveryPromises) {
   Subscribe({"t0"}, dual);
 
   std::vector<std::map<std::string, int>> expected(kClients);
-  std::vector<std::vector<std::shared_ptr<Checked>>> churned(kChurners);
   {
+    // One pulse at a time: the next once the last is being delivered (so that the two
+    // are never merged into one event).
+    auto const pacer = std::make_shared<Recorder>();
+    Subscribe(kPulse, pacer);
+    Create(kPulse);
+    ASSERT_TRUE(pacer->WaitForCalls(1));
+    std::atomic<int> churning{kChurners};
     std::vector<std::thread> threads;
     for (int c = 0; c < kClients; ++c)
       threads.emplace_back([&, c] { expected[static_cast<std::size_t>(c)] = RunClient(m, c); });
     for (int c = 0; c < kChurners; ++c)
-      threads.emplace_back(
-          [&, c] { RunChurner(m, watch, c, churned[static_cast<std::size_t>(c)]); });
+      threads.emplace_back([&, c] {
+        RunChurner(m, watch, c);
+        --churning;
+      });
+    for (std::int32_t value = 1; churning != 0; ++value) {
+      EXPECT_EQ(m.valueSetter->SetValue(kPulse, uvc::TValue<Setting>(value)), kOk);
+      EXPECT_TRUE(pacer->WaitForCalls(static_cast<std::size_t>(value) + 1));
+    }
     for (auto& thread : threads) thread.join();
   }
   Drain();
@@ -161,12 +180,13 @@ TEST_F(StressTest, ConcurrentChangesAndSubscriptionsKeepTheDeliveryPromises) {
   EXPECT_EQ(rootCalls, events);
   EXPECT_EQ(dualCalls, events);
 
-  for (auto const& observers : churned)
-    for (auto const& observer : observers) EXPECT_EQ(observer->lateCalls, 0);
+  EXPECT_EQ(watch->insideAtReturn, 0);
+  EXPECT_EQ(watch->stillHeld, 0);
   EXPECT_EQ(watch->overlapping, 0);
 
-  // Destruction in the middle of a burst: an Update in progress may finish, nothing
-  // starts once the destructor has set its stop flag.
+  // Destruction in the middle of a burst: an Update in progress finishes before the last
+  // release returns; none starts once the last owner has let go (but for one that was
+  // starting right then).
   for (int n = 0; n < 50; ++n)
     ASSERT_EQ(m.creator->CreateSetting({"burst" + std::to_string(n)}, Int(n)), kOk);
   TakeOwners();
