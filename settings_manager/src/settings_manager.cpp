@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <stdexcept>
 
+#include "depth.h"
 #include "id_rules.h"
 #include "log.h"
 #include "raw_conversion.h"
@@ -39,6 +40,7 @@ std::string SettingsManager::MakeId(bool withDatabase) {
 
 void SettingsManager::Check(uvc::Path const& path) {
   static uvc::aux::IdRules const rules(meta::GetIdSpecification());
+  CheckPathDepth(path);
   bool valid = !path.empty() && path.front().index() == 1;
   for (std::size_t i = 0; valid && i < path.size(); ++i)
     valid = rules.Check(path[i]) == uvc::IdState::Ok;
