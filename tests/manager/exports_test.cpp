@@ -67,6 +67,7 @@ TEST(Exports, OnlyThePublicApiIsExported) {
   std::vector<std::string> const allowed = {
       "settings_manager::CreateSettingsManager(",
       "settings_manager::IsReadOnly(",
+      "settings_manager::operator==(",
       "settings_manager::PathToStr(",
       "settings_manager::meta::GetIdSpecification(",
       "uvc::ToString(",
