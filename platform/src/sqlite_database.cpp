@@ -83,6 +83,8 @@ int Configure(sqlite3* db) noexcept {
   int pages = 0;
   if (int rc = PageCount(db, pages); rc != SQLITE_OK) return rc;
   if (pages == 0) {
+    // Text goes in and out as UTF-8 bytes; a file of another encoding would convert it.
+    if (int rc = Exec(db, "PRAGMA encoding='UTF-8'"); rc != SQLITE_OK) return rc;
     if (int rc = Exec(db, "PRAGMA journal_mode=WAL"); rc != SQLITE_OK) return rc;
   }
   // FULL: in WAL mode a commit that returned survives a power cut (NORMAL may lose it),
@@ -103,9 +105,8 @@ int Wrapper::Open(std::string const& path, std::unique_ptr<IDatabase>& out) {
   sqlite3* db = nullptr;
   // NOMUTEX: the library serialises every call on a connection under its own lock, so
   // SQLite's per-connection mutex would only cost time.
-  int rc = sqlite3_open_v2(path.c_str(), &db,
-                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                           nullptr);
+  int rc = sqlite3_open_v2(
+      path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (db == nullptr) return MakeError(SQLITE_NOMEM);
   // Extended codes tell e.g. a UNIQUE violation from other constraint failures.
   sqlite3_extended_result_codes(db, 1);

@@ -5,6 +5,7 @@
 #include "db_wrappers/transaction_monitor.h"
 #include "log.h"
 #include "settings_db_check.h"
+#include "settings_db_encoding.h"
 #include "settings_db_statements.h"
 
 namespace settings_db {
@@ -22,6 +23,7 @@ SettingsDB::SettingsDB(std::string const& path)
   if (path.empty()) throw std::runtime_error("[SMDB] Empty DB path");
   int const opened = std::make_unique<sqlite::Wrapper>()->Open(path, db_);
   Check(opened >= 0, "Could not create settings database", opened);
+  VerifyEncoding(db_);
   if (!VerifySchema()) {
     CreateSchema();
     Check(VerifySchema(), "Schema: Verify fails after Create");
