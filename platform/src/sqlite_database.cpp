@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "sqlite_failure.h"
 #include "sqlite_like.h"
 
 namespace db_wrappers::sqlite {
@@ -31,6 +32,7 @@ class SqliteDatabase final : public IDatabase {
  private:
   // A failed statement comes back as an empty Query: Statement() is null.
   Query Run(char const* sql) {
+    failure::Clear();
     Query query(handle_);
     if (fdn::Failed(query.Prepare(sql)) || fdn::Failed(query.Next())) return Query(handle_);
     return query;
@@ -75,7 +77,7 @@ int DeletesJournal(sqlite3* db, bool& deletes) noexcept {
 int Configure(sqlite3* db) noexcept {
   // Waits for another connection's lock (also during the pragmas below) instead of
   // failing at once with SQLITE_BUSY.
-  sqlite3_busy_timeout(db, 5000);
+  sqlite3_busy_timeout(db, kBusyTimeoutMs);
   // WAL: a commit costs one fsync of the log, not of the database and a rollback journal.
   // Only a new file is switched: an existing one keeps its mode, so that opening never
   // rewrites a file that may yet be refused. A ":memory:" database cannot use WAL; we
@@ -102,6 +104,7 @@ int Configure(sqlite3* db) noexcept {
 }  // namespace
 
 int Wrapper::Open(std::string const& path, std::unique_ptr<IDatabase>& out) {
+  failure::Clear();
   sqlite3* db = nullptr;
   // NOMUTEX: the library serialises every call on a connection under its own lock, so
   // SQLite's per-connection mutex would only cost time.
@@ -112,6 +115,7 @@ int Wrapper::Open(std::string const& path, std::unique_ptr<IDatabase>& out) {
   sqlite3_extended_result_codes(db, 1);
   rc = rc == SQLITE_OK ? Configure(db) : sqlite3_extended_errcode(db);
   if (rc != SQLITE_OK) {
+    failure::Record(db, rc);
     sqlite3_close_v2(db);
     return MakeError(rc);
   }

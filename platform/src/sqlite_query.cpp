@@ -5,11 +5,16 @@
 #include <utility>
 
 #include "db_wrappers/sqlite/database.h"
+#include "sqlite_failure.h"
 
 namespace db_wrappers::sqlite {
 namespace {
 
-int Mapped(int rc) noexcept { return rc == SQLITE_OK ? 0 : MakeError(rc); }
+// A failure's code, with its reason remembered for TakeFailureReason.
+int Failure(sqlite3* connection, int rc) noexcept {
+  failure::Record(connection, rc);
+  return MakeError(rc);
+}
 
 int BindValue(sqlite3_stmt* st, int position, DbValue const& value) noexcept {
   return std::visit(
@@ -44,12 +49,22 @@ bool Fits(sqlite3_int64 v) noexcept {
 // back as int64, so that the caller's std::get fails instead of reading a wrapped number.
 DbValue Integer(sqlite3_int64 v, int alternative) noexcept {
   switch (alternative) {
-    case alt::kInt8: if (Fits<std::int8_t>(v)) return static_cast<std::int8_t>(v); break;
-    case alt::kInt16: if (Fits<std::int16_t>(v)) return static_cast<std::int16_t>(v); break;
-    case alt::kInt32: if (Fits<std::int32_t>(v)) return static_cast<std::int32_t>(v); break;
-    case alt::kBool: if (v == 0 || v == 1) return v == 1; break;
-    case alt::kTimestamp: return tern::rtl::Timestamp(v);
-    default: break;
+    case alt::kInt8:
+      if (Fits<std::int8_t>(v)) return static_cast<std::int8_t>(v);
+      break;
+    case alt::kInt16:
+      if (Fits<std::int16_t>(v)) return static_cast<std::int16_t>(v);
+      break;
+    case alt::kInt32:
+      if (Fits<std::int32_t>(v)) return static_cast<std::int32_t>(v);
+      break;
+    case alt::kBool:
+      if (v == 0 || v == 1) return v == 1;
+      break;
+    case alt::kTimestamp:
+      return tern::rtl::Timestamp(v);
+    default:
+      break;
   }
   return static_cast<std::int64_t>(v);
 }
@@ -57,7 +72,9 @@ DbValue Integer(sqlite3_int64 v, int alternative) noexcept {
 }  // namespace
 
 Query::Query(std::unique_ptr<IDatabase> const& db) noexcept
-    : connection_(db ? db->Handle() : nullptr) {}
+    : connection_(db ? db->Handle() : nullptr) {
+  failure::Clear();
+}
 
 Query::Query(Query&& other) noexcept
     : connection_(std::exchange(other.connection_, nullptr)),
@@ -82,14 +99,15 @@ int Query::Prepare(std::string_view sql) {
     return MakeError(SQLITE_TOOBIG);
   int const rc = sqlite3_prepare_v2(connection_, sql.data(), static_cast<int>(sql.size()),
                                     &statement_, nullptr);
-  if (rc != SQLITE_OK) return MakeError(rc);  // the statement is left null
+  if (rc != SQLITE_OK) return Failure(connection_, rc);  // the statement is left null
   // Only blanks or comments: nothing to run, and every later call would misbehave.
   return statement_ != nullptr ? 0 : MakeError(SQLITE_MISUSE);
 }
 
 int Query::Bind(int position, DbValue const& value) {
   if (statement_ == nullptr) return MakeError(SQLITE_MISUSE);
-  return Mapped(BindValue(statement_, position, value));
+  int const rc = BindValue(statement_, position, value);
+  return rc == SQLITE_OK ? 0 : Failure(connection_, rc);
 }
 
 int Query::Next() {
@@ -97,7 +115,7 @@ int Query::Next() {
   int const rc = sqlite3_step(statement_);
   if (rc == SQLITE_ROW) return kRowReady;
   if (rc == SQLITE_DONE) return kDone;
-  return MakeError(rc);
+  return Failure(connection_, rc);
 }
 
 DbValue Query::Value(int column, int alternative) const {
@@ -130,12 +148,14 @@ int Query::GetChangesCount() const noexcept {
 
 int Query::Flush() noexcept {
   if (statement_ == nullptr) return MakeError(SQLITE_MISUSE);
-  return Mapped(sqlite3_reset(statement_));
+  int const rc = sqlite3_reset(statement_);
+  return rc == SQLITE_OK ? 0 : Failure(connection_, rc);
 }
 
 int Query::ClearBindings() noexcept {
   if (statement_ == nullptr) return MakeError(SQLITE_MISUSE);
-  return Mapped(sqlite3_clear_bindings(statement_));
+  int const rc = sqlite3_clear_bindings(statement_);
+  return rc == SQLITE_OK ? 0 : Failure(connection_, rc);
 }
 
 }  // namespace db_wrappers::sqlite

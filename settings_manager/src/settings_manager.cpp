@@ -4,8 +4,10 @@
 #include <stdexcept>
 
 #include "depth.h"
+#include "failure.h"
 #include "id_rules.h"
 #include "log.h"
+#include "log_environment.h"
 #include "raw_conversion.h"
 #include "settings_manager/paths.h"
 #include "tern/rtl/random.h"
@@ -117,7 +119,7 @@ SettingsManager::~SettingsManager() {
 }
 
 int SettingsManager::Failed(char const* function, int line, uvc::Path const& path) const noexcept {
-  auto const result = uvc::ProcessException();
+  auto const result = RecordFailure();
   auto& logger = tern::logger::TernLogger::RootLogger();
   if (logger.IsLevelEnabled(LogLevel::Warning))
     logger.Log(LogLevel::Warning, kManagerSource, line, function, "{} {}({}): {}", id, function,
@@ -160,12 +162,13 @@ int SettingsManager::GetSettingsUpdateSubscriber(std::shared_ptr<ISettingsUpdate
 
 int CreateSettingsManager(SettingsManagerConfig const& config,
                           std::shared_ptr<ISettingsManager>& out) {
+  log::ReadLogEnvironment();
   try {
     std::shared_ptr<ISettingsManager> manager = std::make_shared<SettingsManager>(config);
     out = std::move(manager);
     return fdn::rc::kOk;
   } catch (std::exception const&) {
-    auto const result = uvc::ProcessException();
+    auto const result = RecordFailure();
     SM_LOG_NOEXCEPT(LogLevel::Fatal, kManagerSource, "CreateSettingsManager",
                     "Could not create settings manager: {}", result);
     return result.first;

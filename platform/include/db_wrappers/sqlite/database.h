@@ -17,9 +17,9 @@ struct sqlite3_stmt;
 namespace db_wrappers::sqlite {
 
 // A value bound to a statement or read from a column.
-using DbValue = std::variant<fdn::types::NullType, std::int8_t, std::int16_t, std::int32_t,
-                             std::int64_t, double, std::string, tern::rtl::Timestamp, bool,
-                             std::vector<std::uint8_t>>;
+using DbValue =
+    std::variant<fdn::types::NullType, std::int8_t, std::int16_t, std::int32_t, std::int64_t,
+                 double, std::string, tern::rtl::Timestamp, bool, std::vector<std::uint8_t>>;
 
 // Alternative indices of DbValue.
 namespace alt {
@@ -51,6 +51,17 @@ constexpr bool IsWrapperError(int code) noexcept {
 constexpr int SqliteCode(int code) noexcept {
   return static_cast<int>(static_cast<std::uint32_t>(code) & 0xFFFFu);
 }
+
+// How long a connection waits for another connection's lock before it fails with
+// SQLITE_BUSY ("database is locked").
+constexpr int kBusyTimeoutMs = 5000;
+
+// SQLite's own words for the last failure of a wrapper call on this thread ("database or
+// disk is full", "database is locked by another connection for longer than ...",
+// "unable to open database file: Permission denied"), and forgets them; empty when no
+// call failed since the last Open or the last Query made. Callers that turn a failure
+// into an error of their own take it to say why.
+std::string TakeFailureReason();
 
 class Query;
 class SqliteDatabase;

@@ -1,0 +1,16 @@
+#pragma once
+
+// The reason of the last failed wrapper call on this thread, in SQLite's own words.
+
+#include <string>
+
+struct sqlite3;
+
+namespace db_wrappers::sqlite::failure {
+
+// Remembers why `rc` (an extended SQLite code) came from a call on `db`.
+void Record(sqlite3* db, int rc) noexcept;
+// Forgets what was remembered: a new step of work begins.
+void Clear() noexcept;
+
+}  // namespace db_wrappers::sqlite::failure
