@@ -24,6 +24,10 @@ void Record(sqlite3* db, int rc) noexcept {
         reason += " by another connection for longer than the busy timeout of " +
                   std::to_string(kBusyTimeoutMs) + " ms";
         break;
+      case SQLITE_READONLY:
+        if (db != nullptr && sqlite3_db_readonly(db, "main") == 1)
+          reason += ": the file is open read-only, as this process may not write it or its folder";
+        break;
       case SQLITE_CANTOPEN:
       case SQLITE_IOERR:
       case SQLITE_PERM:
@@ -38,6 +42,8 @@ void Record(sqlite3* db, int rc) noexcept {
     reason.clear();  // out of memory: no reason rather than a wrong one
   }
 }
+
+void Record(std::string text) noexcept { reason.swap(text); }
 
 void Clear() noexcept { reason.clear(); }
 

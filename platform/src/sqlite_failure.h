@@ -10,6 +10,8 @@ namespace db_wrappers::sqlite::failure {
 
 // Remembers why `rc` (an extended SQLite code) came from a call on `db`.
 void Record(sqlite3* db, int rc) noexcept;
+// Remembers a reason of the wrapper's own.
+void Record(std::string text) noexcept;
 // Forgets what was remembered: a new step of work begins.
 void Clear() noexcept;
 

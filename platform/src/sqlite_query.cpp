@@ -6,6 +6,7 @@
 
 #include "db_wrappers/sqlite/database.h"
 #include "sqlite_failure.h"
+#include "sqlite_space.h"
 
 namespace db_wrappers::sqlite {
 namespace {
@@ -112,7 +113,15 @@ int Query::Bind(int position, DbValue const& value) {
 
 int Query::Next() {
   if (statement_ == nullptr) return MakeError(SQLITE_MISUSE);
-  int const rc = sqlite3_step(statement_);
+  // A change that is a transaction of its own and found the disk full is rolled back
+  // whole: it may run again once the log's room is given back.
+  bool const ownTransaction =
+      sqlite3_get_autocommit(connection_) != 0 && sqlite3_stmt_readonly(statement_) == 0;
+  int rc = sqlite3_step(statement_);
+  if (ownTransaction && space::IsFull(rc)) {
+    sqlite3_reset(statement_);
+    if (space::ReclaimLog(connection_)) rc = sqlite3_step(statement_);
+  }
   if (rc == SQLITE_ROW) return kRowReady;
   if (rc == SQLITE_DONE) return kDone;
   return Failure(connection_, rc);

@@ -56,6 +56,17 @@ constexpr int SqliteCode(int code) noexcept {
 // SQLITE_BUSY ("database is locked").
 constexpr int kBusyTimeoutMs = 5000;
 
+// The bound on the write-ahead log (<file>-wal): a commit that leaves the log holding
+// kCheckpointPages pages or more folds it into the database file, and the next write
+// starts the log over, cutting the file back to kLogLimitBytes. So the log stays within
+// kLogLimitBytes plus the pages of one transaction, and on a 4 KiB page the three files
+// need about the database's size plus 64 KiB of log and 32 KiB of index (<file>-shm).
+constexpr int kCheckpointPages = 16;
+constexpr int kLogLimitBytes = 64 * 1024;
+// The database file grows in steps of this size, reserved before a commit (so that
+// folding the log in never needs room the disk may no longer have).
+constexpr int kFileChunkBytes = 4096;
+
 // SQLite's own words for the last failure of a wrapper call on this thread ("database or
 // disk is full", "database is locked by another connection for longer than ...",
 // "unable to open database file: Permission denied"), and forgets them; empty when no

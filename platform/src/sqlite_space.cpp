@@ -1,0 +1,54 @@
+#include "sqlite_space.h"
+
+#include <sqlite3.h>
+
+#include <string>
+
+#include "db_wrappers/sqlite/database.h"
+
+namespace db_wrappers::sqlite::space {
+namespace {
+
+int Exec(sqlite3* db, std::string const& sql) noexcept {
+  return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+}
+
+}  // namespace
+
+int Configure(sqlite3* db) noexcept {
+  // SQLite's defaults let the log reach 1000 pages and never shrink it again.
+  if (int rc = Exec(db, "PRAGMA wal_autocheckpoint=" + std::to_string(kCheckpointPages));
+      rc != SQLITE_OK)
+    return rc;
+  if (int rc = Exec(db, "PRAGMA journal_size_limit=" + std::to_string(kLogLimitBytes));
+      rc != SQLITE_OK)
+    return rc;
+  // With a chunk size, a size hint allocates the blocks for real (ReserveForCommit).
+  int chunk = kFileChunkBytes;
+  int const rc = sqlite3_file_control(db, "main", SQLITE_FCNTL_CHUNK_SIZE, &chunk);
+  return rc == SQLITE_NOTFOUND ? SQLITE_OK : rc;  // a database in memory has no file
+}
+
+int ReserveForCommit(sqlite3* db) noexcept {
+  sqlite3_stmt* statement = nullptr;
+  int rc = sqlite3_prepare_v2(
+      db, "SELECT page_count * page_size FROM pragma_page_count(), pragma_page_size()", -1,
+      &statement, nullptr);
+  sqlite3_int64 bytes = 0;
+  if (rc == SQLITE_OK && sqlite3_step(statement) == SQLITE_ROW)
+    bytes = sqlite3_column_int64(statement, 0);
+  sqlite3_finalize(statement);
+  if (bytes == 0) return SQLITE_OK;  // no file, or nothing to reserve
+  rc = sqlite3_file_control(db, "main", SQLITE_FCNTL_SIZE_HINT, &bytes);
+  if (rc == SQLITE_OK || rc == SQLITE_NOTFOUND) return SQLITE_OK;
+  return SQLITE_FULL;
+}
+
+bool ReclaimLog(sqlite3* db) noexcept {
+  return sqlite3_wal_checkpoint_v2(db, "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) ==
+         SQLITE_OK;
+}
+
+bool IsFull(int rc) noexcept { return (rc & 0xFF) == SQLITE_FULL; }
+
+}  // namespace db_wrappers::sqlite::space

@@ -1,0 +1,26 @@
+#pragma once
+
+// How a connection keeps its files within a small disk: the log is checkpointed often and
+// cut back, the database file is grown before a commit needs it, and a statement that
+// found the disk full gets the log's room back and one more try.
+
+struct sqlite3;
+
+namespace db_wrappers::sqlite::space {
+
+// The checkpoint and log-size settings, and growth of the database file in whole pages.
+int Configure(sqlite3* db) noexcept;
+
+// Grows the database file to the size the open transaction gives it, so that folding the
+// log into the file later never needs room the disk may no longer have: a commit that
+// would need it fails now, with nothing changed. SQLITE_OK, or SQLITE_FULL.
+int ReserveForCommit(sqlite3* db) noexcept;
+
+// Folds the whole log into the database file and truncates it to zero bytes, giving its
+// room back. True when done.
+bool ReclaimLog(sqlite3* db) noexcept;
+
+// Whether `rc` says that the disk is full.
+bool IsFull(int rc) noexcept;
+
+}  // namespace db_wrappers::sqlite::space
