@@ -45,7 +45,9 @@ int ReserveForCommit(sqlite3* db) noexcept {
 }
 
 bool ReclaimLog(sqlite3* db) noexcept {
-  return sqlite3_wal_checkpoint_v2(db, "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) ==
+  // RESTART rather than TRUNCATE: the log file keeps its size, room that the next
+  // transaction writes over, and that nothing else on the disk can take in between.
+  return sqlite3_wal_checkpoint_v2(db, "main", SQLITE_CHECKPOINT_RESTART, nullptr, nullptr) ==
          SQLITE_OK;
 }
 

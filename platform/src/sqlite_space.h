@@ -16,8 +16,8 @@ int Configure(sqlite3* db) noexcept;
 // would need it fails now, with nothing changed. SQLITE_OK, or SQLITE_FULL.
 int ReserveForCommit(sqlite3* db) noexcept;
 
-// Folds the whole log into the database file and truncates it to zero bytes, giving its
-// room back. True when done.
+// Folds the whole log into the database file, so that the next transaction writes the
+// log from its start, over room it already has. True when done.
 bool ReclaimLog(sqlite3* db) noexcept;
 
 // Whether `rc` says that the disk is full.

@@ -3,6 +3,7 @@
 // held too long, a reader who may not write. Each is refused with its code and its
 // reason (LastResult), or done exactly; a refusal changes neither the tree nor the file.
 
+#include <grp.h>
 #include <sqlite3.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -188,8 +190,17 @@ TEST(Hostile, CallsTooDeepOrMetByAFullDiskOrALockAreRefusedWithTheirReason) {
     EXPECT_TRUE(Same(TreeOf(*client.getter, kKeys), tree));
     EXPECT_EQ(SqliteFile(db).DataRows(), rows);
   }
-  // The disk works again, and so does the manager.
+  // The disk works again, and so does the manager. A delete that finds the disk full once
+  // gets the log's room back and succeeds on its second try.
   EXPECT_EQ(client.valueSetter->SetValue(P("a"), 3.0), 0);
+  vfs.Arm({FaultVfs::Call::kWrite, 1, false, SQLITE_FULL});
+  EXPECT_EQ(client.deleter->DeleteSetting(P("m")), 0);
+  EXPECT_EQ(vfs.Injected(), 1u);
+  vfs.Disarm();
+  Setting stored;
+  std::string error;
+  ASSERT_TRUE(LoadFile(db, stored, error)) << error;
+  EXPECT_TRUE(Same(stored, TreeOf(*client.getter, kKeys)));
 }
 
 // A file of its own for each case, refused at start-up with nothing changed beside it.
@@ -323,6 +334,184 @@ TEST(Hostile, DoublesCompareByTheirBits) {
   Setting reloaded;
   ASSERT_EQ(client.getter->GetSetting(P("d"), reloaded), 0);
   EXPECT_EQ(Bits(std::get<double>(reloaded)), Bits(-nan2));
+}
+
+std::uintmax_t Size(std::string const& path) {
+  std::error_code error;
+  auto const size = fs::file_size(path, error);
+  return error ? 0 : size;
+}
+
+// A long-lived manager on a small disk: the log stays bounded, so that hundreds of
+// settings fit; once the disk is full to the last byte, what is stored can still be read,
+// by the manager and by another program, and deleting settings makes room again.
+TEST(Hostile, OnA256KiBDiskTheLogStaysBoundedAndDeletingMakesRoom) {
+  test_support::TempDir dir;
+  auto const disk = dir.File("small");
+  fs::create_directory(disk);
+  if (::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=256k") != 0)
+    GTEST_SKIP() << "mounting a small tmpfs needs root: " << std::strerror(errno);
+  struct Unmount {
+    std::string path;
+    ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+  } const unmount{disk};
+  QuietLog quiet(tern::logger::LogLevel::Fatal);
+  auto const db = disk + "/settings.db";
+  auto const key = [](std::size_t i) { return P("k" + std::to_string(i)); };
+  Client keeper;
+  ASSERT_EQ(keeper.Open(db), 0);
+  std::size_t created = 0;
+  std::uintmax_t largestLog = 0, largestFile = 0;
+  int rc = 0;
+  while ((rc = keeper.creator->CreateSetting(key(created), Setting(std::string(200, 'v')))) == 0) {
+    ++created;
+    largestLog = std::max(largestLog, Size(db + "-wal"));
+    largestFile = std::max(largestFile, Size(db));
+  }
+  EXPECT_TRUE(Refused(rc, fdn::rc::kInvalidResult, "[SMDB] Set: commit: database or disk is full"));
+  EXPECT_GT(created, 300u);
+  // One transaction (a top-level create rewrites every row) on top of the limit.
+  EXPECT_LE(largestLog, db_wrappers::sqlite::kLogLimitBytes + largestFile * 2);
+  Report("hostile", "a manager on a 256 KiB disk created " + std::to_string(created) +
+                        " settings of 200 bytes; largest log " + std::to_string(largestLog) +
+                        " bytes, largest file " + std::to_string(largestFile) + " bytes");
+
+  // The last byte taken by something else.
+  {
+    std::ofstream ballast(disk + "/ballast", std::ios::binary);
+    std::string const block(512, 'b');
+    while (ballast.write(block.data(), block.size()) && ballast.flush()) {
+    }
+  }
+  Setting out;
+  EXPECT_EQ(keeper.getter->GetSetting(key(1), out), 0);
+  {
+    Client tool;  // another program, as settingsctl
+    ASSERT_EQ(tool.Open(db), 0);
+    EXPECT_EQ(tool.getter->GetSetting(key(1), out), 0);
+    EXPECT_EQ(tool.deleter->DeleteSetting(key(0)), 0);
+  }
+  for (std::size_t i = 1; i < 20; ++i) EXPECT_EQ(keeper.deleter->DeleteSetting(key(i)), 0) << i;
+  // The pages the deletes freed take a value larger than before.
+  EXPECT_EQ(keeper.valueSetter->SetValue(key(20), std::string(2000, 'w')), 0);
+}
+
+// Runs `body` in a process of its own as the user and group `id`; its exit code.
+int RunAs(uid_t id, std::function<int()> const& body) {
+  pid_t const child = ::fork();
+  if (child == 0) {
+    if (::setgroups(0, nullptr) != 0 || ::setgid(id) != 0 || ::setuid(id) != 0) ::_exit(100);
+    ::_exit(body());
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 101;
+}
+
+// In a child: 0 when `rc` is `code` and LastResult says `reason`, else `step`.
+int Expect(int step, int rc, int code, char const* reason) {
+  auto const last = LastResult();
+  if (rc == code && (reason == nullptr || last.second.find(reason) != std::string::npos)) return 0;
+  std::fprintf(stderr, "step %d: %x '%s'\n", step, static_cast<unsigned>(rc), last.second.c_str());
+  return step;
+}
+
+// The files in `folder` that `id` owns.
+std::vector<std::string> OwnedBy(std::string const& folder, uid_t id) {
+  std::vector<std::string> names;
+  for (auto const& entry : fs::directory_iterator(folder)) {
+    struct stat status {};
+    if (::stat(entry.path().c_str(), &status) == 0 && status.st_uid == id)
+      names.push_back(entry.path().filename().string());
+  }
+  return names;
+}
+
+// A user who may only read the file reads it and leaves nothing that keeps its owner from
+// writing: not while the owner's program runs, nor after it ended. Writes through the
+// reader's manager, a file the user may not read, and a folder nobody may write all fail
+// with their reason.
+TEST(Hostile, AReaderWhoMayNotWriteLeavesNothingThatBlocksTheOwner) {
+  if (::geteuid() != 0) GTEST_SKIP() << "running as other users needs root";
+  constexpr uid_t kOwner = 1000, kReader = 65534;
+  QuietLog quiet(tern::logger::LogLevel::Fatal);
+  test_support::TempDir dir;
+  auto const folder = dir.Path().string();
+  ::chmod(folder.c_str(), 01777);
+  auto const db = dir.File("settings.db");
+  auto const reader = [&db](char const* reason) {
+    return [&db, reason] {
+      Client client;
+      if (int const rc = client.Open(db); rc != 0) return Expect(1, rc, 0, nullptr);
+      Setting out;
+      if (int const e = Expect(2, client.getter->GetSetting(P("a"), out), 0, nullptr)) return e;
+      if (out != Setting(std::int32_t{1})) return 3;
+      return Expect(4, client.valueSetter->SetValue(P("a"), std::int32_t{2}), fdn::rc::kMediaError,
+                    reason);
+    };
+  };
+  char const* const readOnly =
+      "attempt to write a readonly database: the file is open read-only, as this process may "
+      "not write it or its folder";
+
+  // The owner's program runs: its log and index are there, and the reader uses them.
+  int ready[2], resume[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  ASSERT_EQ(::pipe(resume), 0);
+  pid_t const owner = ::fork();
+  if (owner == 0) {
+    ::_exit(RunAs(kOwner, [&] {
+      Client client;
+      int rc = client.Open(db);
+      if (rc == 0) rc = client.creator->CreateSetting(P("a"), std::int32_t{1});
+      char byte = 0;
+      if (::write(ready[1], &byte, 1) != 1 || ::read(resume[0], &byte, 1) != 1) return 102;
+      if (rc == 0) rc = client.valueSetter->SetValue(P("a"), std::int32_t{3});
+      return Expect(5, rc, 0, nullptr);
+    }));
+  }
+  char byte = 0;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  EXPECT_EQ(RunAs(kReader, reader(readOnly)), 0);
+  EXPECT_EQ(OwnedBy(folder, kReader), std::vector<std::string>());
+  ASSERT_EQ(::write(resume[1], &byte, 1), 1);
+  int status = 0;
+  ::waitpid(owner, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+
+  // The owner's program has ended: only the file is left, and the reader reads it as it is.
+  ASSERT_FALSE(fs::exists(db + "-wal"));
+  auto const back = [&db](std::int32_t value) {
+    return [&db, value] {
+      Client client;
+      if (int const rc = client.Open(db); rc != 0) return Expect(6, rc, 0, nullptr);
+      return Expect(7, client.setter->SetSetting(P("a"), Setting(value)), 0, nullptr);
+    };
+  };
+  EXPECT_EQ(RunAs(kOwner, back(1)), 0);
+  EXPECT_EQ(RunAs(kReader, reader(readOnly)), 0);
+  EXPECT_EQ(OwnedBy(folder, kReader), std::vector<std::string>());
+  EXPECT_EQ(RunAs(kOwner, back(4)), 0);
+
+  // A file the reader may not read; a folder in which not even the owner may make files.
+  ::chmod(db.c_str(), 0600);
+  EXPECT_EQ(RunAs(kReader,
+                  [&db] {
+                    Client client;
+                    return Expect(8, client.Open(db), fdn::rc::kMediaError,
+                                  "unable to open database file: Permission denied");
+                  }),
+            0);
+  ::chmod(folder.c_str(), 0555);
+  EXPECT_EQ(RunAs(kOwner,
+                  [&db] {
+                    Client client;
+                    if (int const rc = client.Open(db); rc != 0) return Expect(9, rc, 0, nullptr);
+                    return Expect(10, client.valueSetter->SetValue(P("a"), std::int32_t{5}),
+                                  fdn::rc::kMediaError, "attempt to write a readonly database");
+                  }),
+            0);
+  ::chmod(folder.c_str(), 0700);
 }
 
 }  // namespace
