@@ -28,35 +28,34 @@ std::string Shown(std::string const& text) {
 
 // What rebuilding a tree from `rows` records may allocate beyond one node per record, so
 // that memory stays a small multiple of what was read: the capacity reserved for lists,
-// and the placeholders that stand for list elements whose records come later. Each may
-// reach the number of records; a sound file never needs more.
+// and the placeholders that stand for list elements whose records come later (in text
+// order element 10 comes before element 2). Each may total the number of records; a sound
+// file, whose every element has its record, never needs more.
 class Budget {
  public:
-  explicit Budget(std::size_t rows) : reserve_(rows), placeholders_(rows) {}
+  explicit Budget(std::size_t rows) : rows_(rows), reserve_(rows), placeholders_(rows) {}
 
   // The capacity a list record may reserve; what it takes is spent.
   std::size_t Reserve() const { return reserve_; }
   void Spent(std::size_t reserved) { reserve_ -= reserved < reserve_ ? reserved : reserve_; }
 
-  // Records in text order bring element 10 before element 2: storing index `index` into
-  // `list` first fills the gap with placeholders, which later records replace. A sound
-  // file has a record for each of them still to come; refuses a gap that the `rowsToCome`
-  // records after this one cannot fill, or that exceeds what is left of the budget.
-  void Gap(Setting const& parent, uvc::Id const& id, std::size_t rowsToCome,
-           std::string const& text) {
+  // Storing `id` into `parent` fills the gap before an index beyond the list's end with
+  // placeholders; refuses a gap that the budget cannot hold.
+  void Gap(Setting const& parent, uvc::Id const& id, std::string const& text) {
     auto const* index = std::get_if<0>(&id);
     auto const* list = std::get_if<uvc::index::kList>(&parent);
     if (index == nullptr || list == nullptr || *index <= list->size()) return;
     auto const gap = *index - list->size();
-    if (gap > rowsToCome || gap > placeholders_)
+    if (gap > placeholders_)
       throw uvc::Error(fdn::rc::kOutOfRange,
-                       fmt::format("[RawSetting] list gap: {} elements missing before '{}', only "
-                                   "{} rows follow",
-                                   gap, Shown(text), rowsToCome));
+                       fmt::format("[RawSetting] list gap: {} elements missing before '{}', "
+                                   "gaps may not hold more than the {} rows read",
+                                   gap, Shown(text), rows_));
     placeholders_ -= static_cast<std::size_t>(gap);
   }
 
  private:
+  std::size_t rows_;
   std::size_t reserve_;
   std::size_t placeholders_;
 };
@@ -138,7 +137,7 @@ uvc::Result Deserialize(std::vector<impl::RawItem> const& items, uvc::Path& head
                          fmt::format("[RawSetting] path level jump: prev = '{}', this = '{}'",
                                      items[i - 1].path, items[i].path));
       auto const level = depth - headDepth;
-      budget.Gap(*parents[level - 1], nodePath.back(), items.size() - i - 1, items[i].path);
+      budget.Gap(*parents[level - 1], nodePath.back(), items[i].path);
       // List elements arrive in text order ("10/" before "2/"): Append fills the gap with
       // placeholders and Replace lets the later records take them over.
       Setting& placed =
