@@ -22,8 +22,8 @@ long long Size(std::string const& path) noexcept {
   return ::stat(path.c_str(), &status) == 0 ? static_cast<long long>(status.st_size) : -1;
 }
 
-bool MayWrite(std::string const& path) noexcept {
-  return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
+bool MayWrite(std::string const& path, int mode = W_OK) noexcept {
+  return ::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0;
 }
 
 std::string Folder(std::string const& path) {
@@ -77,7 +77,7 @@ int Open(std::string const& path, Mode mode, sqlite3*& db) noexcept {
     bool const index = Size(path + "-shm") >= 0;
     bool const companions = log >= 0 && index;
     if (mode == Mode::kChoose &&
-        (Size(path) < 0 || (MayWrite(path) && (companions || MayWrite(Folder(path))))))
+        (Size(path) < 0 || (MayWrite(path) && (companions || MayWrite(Folder(path), W_OK | X_OK)))))
       return OpenWith(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, db);
 
     int const rc = OpenWith(ImmutableUri(path), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, db);
