@@ -91,12 +91,7 @@ constexpr std::string_view kPlatform[] = {
     "Symbol not found",
     "Sxs is incorrect",
     "Invalid path name",
-    "",
-    "",
-    "",
-    "",
-    "",
-    "",
+    "", "", "", "", "", "",
     "Cannot open an anonymous level security token",
     "Password is invalid",
     "Module not found",
@@ -135,14 +130,9 @@ std::optional<std::string_view> PlatformCodeText(int code) noexcept {
 std::string ResultCodeText(int code) {
   std::optional<std::string_view> text;
   switch (Facility(code)) {
-    case 0:
-      text = GeneralCodeText(code);
-      break;
-    case 1:
-      text = PlatformCodeText(code);
-      break;
-    default:
-      break;
+    case 0: text = GeneralCodeText(code); break;
+    case 1: text = PlatformCodeText(code); break;
+    default: break;
   }
   auto const bare = text && !text->empty() ? *text : kUnknown;
   return fmt::format("{} = 0x{:x}", bare, static_cast<std::uint32_t>(code));

@@ -26,7 +26,9 @@ void Record(sqlite3* db, int rc) noexcept {
         break;
       case SQLITE_READONLY:
         if (db != nullptr && sqlite3_db_readonly(db, "main") == 1)
-          reason += ": the file is open read-only, as this process may not write it or its folder";
+          reason +=
+              ": the file is open read-only, as this process may not write it or its folder, "
+              "or the disk was full when it was opened";
         break;
       case SQLITE_CANTOPEN:
       case SQLITE_IOERR:

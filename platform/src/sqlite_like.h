@@ -103,16 +103,15 @@ inline void Function(sqlite3_context* context, int, sqlite3_value** argv) noexce
   sqlite3_result_int(context, pattern->Matches(text) ? 1 : 0);
   // Last: SQLite may destroy the pattern at once when the argument is not constant.
   if (analysed)
-    sqlite3_set_auxdata(context, 0, analysed.release(), [](void* kept) {
-      std::unique_ptr<Pattern> owned(static_cast<Pattern*>(kept));
-    });
+    sqlite3_set_auxdata(context, 0, analysed.release(),
+                        [](void* kept) { std::unique_ptr<Pattern> owned(static_cast<Pattern*>(kept)); });
 }
 
 // Replaces like(X, Y) on `db`; the three-argument (ESCAPE) form stays built in.
 inline int Register(sqlite3* db) noexcept {
   return sqlite3_create_function_v2(db, "like", 2,
-                                    SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS, nullptr,
-                                    &Function, nullptr, nullptr, nullptr);
+                                    SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS,
+                                    nullptr, &Function, nullptr, nullptr, nullptr);
 }
 
 }  // namespace db_wrappers::sqlite::like

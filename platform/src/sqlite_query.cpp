@@ -50,22 +50,12 @@ bool Fits(sqlite3_int64 v) noexcept {
 // back as int64, so that the caller's std::get fails instead of reading a wrapped number.
 DbValue Integer(sqlite3_int64 v, int alternative) noexcept {
   switch (alternative) {
-    case alt::kInt8:
-      if (Fits<std::int8_t>(v)) return static_cast<std::int8_t>(v);
-      break;
-    case alt::kInt16:
-      if (Fits<std::int16_t>(v)) return static_cast<std::int16_t>(v);
-      break;
-    case alt::kInt32:
-      if (Fits<std::int32_t>(v)) return static_cast<std::int32_t>(v);
-      break;
-    case alt::kBool:
-      if (v == 0 || v == 1) return v == 1;
-      break;
-    case alt::kTimestamp:
-      return tern::rtl::Timestamp(v);
-    default:
-      break;
+    case alt::kInt8: if (Fits<std::int8_t>(v)) return static_cast<std::int8_t>(v); break;
+    case alt::kInt16: if (Fits<std::int16_t>(v)) return static_cast<std::int16_t>(v); break;
+    case alt::kInt32: if (Fits<std::int32_t>(v)) return static_cast<std::int32_t>(v); break;
+    case alt::kBool: if (v == 0 || v == 1) return v == 1; break;
+    case alt::kTimestamp: return tern::rtl::Timestamp(v);
+    default: break;
   }
   return static_cast<std::int64_t>(v);
 }

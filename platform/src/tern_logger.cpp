@@ -17,9 +17,7 @@ void TernLogger::SetThreshold(LogLevel level) noexcept {
   threshold_.store(level, std::memory_order_relaxed);
 }
 
-LogLevel TernLogger::Threshold() const noexcept {
-  return threshold_.load(std::memory_order_relaxed);
-}
+LogLevel TernLogger::Threshold() const noexcept { return threshold_.load(std::memory_order_relaxed); }
 
 LogSink TernLogger::SetSink(LogSink sink) {
   std::lock_guard<std::mutex> lock(sinkLock_);
@@ -42,18 +40,12 @@ void TernLogger::LogImpl(LogLevel level, char const* file, int line, char const*
 
 std::string_view LevelName(LogLevel level) noexcept {
   switch (level) {
-    case LogLevel::Trace:
-      return "TRACE";
-    case LogLevel::Debug:
-      return "DEBUG";
-    case LogLevel::Info:
-      return "INFO";
-    case LogLevel::Warning:
-      return "WARN";
-    case LogLevel::Error:
-      return "ERROR";
-    case LogLevel::Fatal:
-      return "FATAL";
+    case LogLevel::Trace: return "TRACE";
+    case LogLevel::Debug: return "DEBUG";
+    case LogLevel::Info: return "INFO";
+    case LogLevel::Warning: return "WARN";
+    case LogLevel::Error: return "ERROR";
+    case LogLevel::Fatal: return "FATAL";
   }
   return "?";
 }

@@ -396,6 +396,22 @@ TEST(Hostile, OnA256KiBDiskTheLogStaysBoundedAndDeletingMakesRoom) {
   for (std::size_t i = 1; i < 20; ++i) EXPECT_EQ(keeper.deleter->DeleteSetting(key(i)), 0) << i;
   // The pages the deletes freed take a value larger than before.
   EXPECT_EQ(keeper.valueSetter->SetValue(key(20), std::string(2000, 'w')), 0);
+
+  // With no program running, and no room left for a log and its index, a new manager
+  // still reads the file; its changes fail with the reason.
+  keeper.Close();
+  {
+    std::ofstream ballast(disk + "/ballast2", std::ios::binary);
+    std::string const block(512, 'b');
+    while (ballast.write(block.data(), block.size()) && ballast.flush()) {
+    }
+  }
+  Client late;
+  ASSERT_EQ(late.Open(db), 0);
+  EXPECT_EQ(late.getter->GetSetting(key(20), out), 0);
+  EXPECT_EQ(out, Setting(std::string(2000, 'w')));
+  EXPECT_TRUE(Refused(late.deleter->DeleteSetting(key(21)), fdn::rc::kMediaError,
+                      "attempt to write a readonly database: the file is open read-only"));
 }
 
 // Runs `body` in a process of its own as the user and group `id`; its exit code.
