@@ -28,7 +28,7 @@ class SqliteDatabase final : public IDatabase {
   Query Begin() override { return Run("BEGIN IMMEDIATE"); }
   Query Commit() override {
     failure::Clear();
-    if (int rc = space::ReserveForCommit(handle_); rc != SQLITE_OK) {
+    if (int rc = reserve_.Reserve(); rc != SQLITE_OK) {
       failure::Record(sqlite3_errstr(rc));
       return Query(handle_);
     }
@@ -54,6 +54,7 @@ class SqliteDatabase final : public IDatabase {
   }
 
   sqlite3* handle_;
+  space::CommitReserve reserve_{handle_};  // finalized after the close: close_v2 waits
 };
 
 namespace {

@@ -23,25 +23,31 @@ int Configure(sqlite3* db) noexcept {
   if (int rc = Exec(db, "PRAGMA journal_size_limit=" + std::to_string(kLogLimitBytes));
       rc != SQLITE_OK)
     return rc;
-  // With a chunk size, a size hint allocates the blocks for real (ReserveForCommit).
+  // With a chunk size, a size hint allocates the blocks for real (CommitReserve).
   int chunk = kFileChunkBytes;
   int const rc = sqlite3_file_control(db, "main", SQLITE_FCNTL_CHUNK_SIZE, &chunk);
   return rc == SQLITE_NOTFOUND ? SQLITE_OK : rc;  // a database in memory has no file
 }
 
-int ReserveForCommit(sqlite3* db) noexcept {
-  sqlite3_stmt* statement = nullptr;
-  int rc = sqlite3_prepare_v2(
-      db, "SELECT page_count * page_size FROM pragma_page_count(), pragma_page_size()", -1,
-      &statement, nullptr);
+CommitReserve::~CommitReserve() { sqlite3_finalize(pageCount_); }
+
+int CommitReserve::Reserve() noexcept {
+  if (pageSize_ == 0) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db_, "PRAGMA page_size", -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW)
+      pageSize_ = sqlite3_column_int64(statement, 0);
+    sqlite3_finalize(statement);
+    if (sqlite3_prepare_v2(db_, "PRAGMA page_count", -1, &pageCount_, nullptr) != SQLITE_OK)
+      pageCount_ = nullptr;
+  }
   sqlite3_int64 bytes = 0;
-  if (rc == SQLITE_OK && sqlite3_step(statement) == SQLITE_ROW)
-    bytes = sqlite3_column_int64(statement, 0);
-  sqlite3_finalize(statement);
-  if (bytes == 0) return SQLITE_OK;  // no file, or nothing to reserve
-  rc = sqlite3_file_control(db, "main", SQLITE_FCNTL_SIZE_HINT, &bytes);
-  if (rc == SQLITE_OK || rc == SQLITE_NOTFOUND) return SQLITE_OK;
-  return SQLITE_FULL;
+  if (pageCount_ != nullptr && sqlite3_step(pageCount_) == SQLITE_ROW)
+    bytes = sqlite3_column_int64(pageCount_, 0) * pageSize_;
+  sqlite3_reset(pageCount_);
+  if (bytes == 0) return SQLITE_OK;  // nothing to reserve
+  int const rc = sqlite3_file_control(db_, "main", SQLITE_FCNTL_SIZE_HINT, &bytes);
+  return rc == SQLITE_OK || rc == SQLITE_NOTFOUND ? SQLITE_OK : SQLITE_FULL;
 }
 
 bool ReclaimLog(sqlite3* db) noexcept {
