@@ -38,7 +38,7 @@ constexpr char kLevelVariable[] = "SETTINGS_MANAGER_LOG_LEVEL";
 
 /// One record, valid during the sink's call only.
 struct Record {
-  Level level;
+  Level level;                ///< the level of the record
   std::string_view source;    ///< "settings_manager/src/settings_manager" or ".../settings_db"
   int line;                   ///< the line in the library's source
   std::string_view function;  ///< the operation: "SetValue", "CreateSettingsManager", ...
