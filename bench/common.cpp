@@ -189,6 +189,13 @@ RawDatabase::RawDatabase(std::string const& path, Like like) {
   sqlite3_extended_result_codes(db_, 1);
   sqlite3_busy_timeout(db_, 5000);
   Exec("PRAGMA synchronous=FULL");
+  // The wrapper's bound on the log: checkpoints as often, the same cut-back size.
+  Exec(("PRAGMA wal_autocheckpoint=" + std::to_string(db_wrappers::sqlite::kCheckpointPages))
+           .c_str());
+  Exec(
+      ("PRAGMA journal_size_limit=" + std::to_string(db_wrappers::sqlite::kLogLimitBytes)).c_str());
+  int chunk = db_wrappers::sqlite::kFileChunkBytes;
+  sqlite3_file_control(db_, "main", SQLITE_FCNTL_CHUNK_SIZE, &chunk);
   if (like == Like::kOurs)
     Require(db_wrappers::sqlite::like::Register(db_) == SQLITE_OK, "register LIKE");
 }

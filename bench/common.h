@@ -97,8 +97,8 @@ class RawStatement {
 
 // A raw connection configured as the wrapper configures its own: read-write, no
 // per-connection mutex, extended codes, a busy timeout, synchronous=FULL, the file's own
-// journal mode (WAL for every file made here) and, unless asked for the built-in one, our
-// exact-bytes LIKE.
+// journal mode (WAL for every file made here), the same checkpoint policy and, unless
+// asked for the built-in one, our exact-bytes LIKE.
 class RawDatabase {
  public:
   enum class Like { kOurs, kBuiltin };

@@ -7,6 +7,7 @@ add_library(sm_manager STATIC
   src/settings_manager_tree_access.cpp
   src/stored_tree.cpp
   src/tree_diff.cpp
+  src/failure.cpp
 )
 target_link_libraries(sm_manager PUBLIC sm_db Threads::Threads PRIVATE sm_warnings)
 

@@ -9,7 +9,9 @@
 /// Any thread may call any operation at any time. Paths name nodes from the root map; the
 /// root itself can only be subscribed to. A path's first id must be a key, and keys may
 /// not hold `/`, the backslash, the double and single quotes, the back-quote, `%`, `_` or
-/// a blank; indices go up to 65535.
+/// a blank; indices go up to 65535. Every operation refuses a path of more than kMaxDepth
+/// ids, and a setting that would put a node deeper, with 0x8000005E (limits.h).
+/// LastResult (last_result.h) tells why a call failed.
 
 #include <cstdint>
 #include <memory>

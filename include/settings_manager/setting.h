@@ -15,7 +15,9 @@ struct Attributes {
   bool readOnly = false;
 
   /// Equal when every attribute is equal.
-  friend bool operator==(Attributes const& a, Attributes const& b) { return a.readOnly == b.readOnly; }
+  friend bool operator==(Attributes const& a, Attributes const& b) {
+    return a.readOnly == b.readOnly;
+  }
   /// The negation of ==.
   friend bool operator!=(Attributes const& a, Attributes const& b) { return !(a == b); }
 };
@@ -46,12 +48,18 @@ struct Setting : uvc::TValue<Setting> {
 };
 
 /// Equal when both hold the same alternative with equal contents and equal attributes;
-/// children compare recursively, attributes included.
-inline bool operator==(Setting const& a, Setting const& b) {
-  return a.attributes == b.attributes && a.value() == b.value();
-}
+/// children compare the same way, attributes included. Doubles compare by their bits, so
+/// that equal means stored alike: -0.0 differs from 0.0, and a NaN equals the NaN of the
+/// same payload. Two valueless nodes are equal. Does not recurse: any depth is safe.
+SETTINGS_MANAGER_API bool operator==(Setting const& a, Setting const& b);
 /// The negation of ==.
 inline bool operator!=(Setting const& a, Setting const& b) { return !(a == b); }
+
+/// Equal values, as for Setting ==, without the attributes of the two nodes themselves
+/// (those of their children count): what SetValue compares to decide "unchanged".
+SETTINGS_MANAGER_API bool operator==(Setting::Value const& a, Setting::Value const& b);
+/// The negation of ==.
+inline bool operator!=(Setting::Value const& a, Setting::Value const& b) { return !(a == b); }
 
 /// True when `setting` or any node below it has readOnly set. A valueless node answers
 /// false.

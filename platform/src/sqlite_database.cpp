@@ -2,9 +2,13 @@
 
 #include <sqlite3.h>
 
+#include <cerrno>
 #include <cstring>
 
+#include "sqlite_failure.h"
 #include "sqlite_like.h"
+#include "sqlite_open.h"
+#include "sqlite_space.h"
 
 namespace db_wrappers::sqlite {
 
@@ -22,7 +26,19 @@ class SqliteDatabase final : public IDatabase {
   // IMMEDIATE takes the write lock at once: two writers that each began deferred could
   // both hold read locks and then deadlock upgrading.
   Query Begin() override { return Run("BEGIN IMMEDIATE"); }
-  Query Commit() override { return Run("COMMIT"); }
+  Query Commit() override {
+    failure::Clear();
+    if (int rc = reserve_.Reserve(); rc != SQLITE_OK) {
+      failure::Record(sqlite3_errstr(rc));
+      return Query(handle_);
+    }
+    Query committed = Run("COMMIT");
+    // A commit the full disk refused is rolled back; the log's room is for the next try.
+    if (committed.Statement() == nullptr && space::IsFull(sqlite3_extended_errcode(handle_)) &&
+        sqlite3_get_autocommit(handle_) != 0)
+      space::ReclaimLog(handle_);
+    return committed;
+  }
   Query Rollback() override { return Run("ROLLBACK"); }
 
   std::string LastError() const override { return sqlite3_errmsg(handle_); }
@@ -31,12 +47,14 @@ class SqliteDatabase final : public IDatabase {
  private:
   // A failed statement comes back as an empty Query: Statement() is null.
   Query Run(char const* sql) {
+    failure::Clear();
     Query query(handle_);
     if (fdn::Failed(query.Prepare(sql)) || fdn::Failed(query.Next())) return Query(handle_);
     return query;
   }
 
   sqlite3* handle_;
+  space::CommitReserve reserve_{handle_};  // finalized after the close: close_v2 waits
 };
 
 namespace {
@@ -75,7 +93,7 @@ int DeletesJournal(sqlite3* db, bool& deletes) noexcept {
 }
 
 // Everything after the open call itself; SQLITE_OK or the extended code of the failure.
-int Configure(sqlite3* db) noexcept {
+int Configure(sqlite3* db, bool readOnly) noexcept {
   // Waits for another connection's lock (also during the pragmas below) instead of
   // failing at once with SQLITE_BUSY.
   sqlite3_busy_timeout(db, kBusyTimeoutMs);
@@ -85,7 +103,9 @@ int Configure(sqlite3* db) noexcept {
   // accept the mode SQLite reports.
   int pages = 0;
   if (int rc = PageCount(db, pages); rc != SQLITE_OK) return rc;
-  if (pages == 0) {
+  if (pages == 0 && !readOnly) {
+    // Text goes in and out as UTF-8 bytes; a file of another encoding would convert it.
+    if (int rc = Exec(db, "PRAGMA encoding='UTF-8'"); rc != SQLITE_OK) return rc;
     if (int rc = Exec(db, "PRAGMA journal_mode=WAL"); rc != SQLITE_OK) return rc;
   }
   // FULL: in WAL mode a commit that returned survives a power cut (NORMAL may lose it),
@@ -97,27 +117,36 @@ int Configure(sqlite3* db) noexcept {
   if (int rc = DeletesJournal(db, deletesJournal); rc != SQLITE_OK) return rc;
   char const* const sync = deletesJournal ? "PRAGMA synchronous=EXTRA" : "PRAGMA synchronous=FULL";
   if (int rc = Exec(db, sync); rc != SQLITE_OK) return rc;
+  if (!readOnly)
+    if (int rc = space::Configure(db); rc != SQLITE_OK) return rc;
   return like::Register(db);
+}
+
+// Opens `path` as `mode` allows and configures the connection.
+int OpenAndConfigure(std::string const& path, open::Mode mode, sqlite3*& db) noexcept {
+  int const rc = open::Open(path, mode, db);
+  if (db == nullptr) return rc == SQLITE_OK ? SQLITE_NOMEM : rc;
+  // Extended codes tell e.g. a UNIQUE violation from other constraint failures.
+  sqlite3_extended_result_codes(db, 1);
+  if (rc != SQLITE_OK) return sqlite3_extended_errcode(db);
+  // A reader of an existing file sets nothing that would write it.
+  return Configure(db, mode == open::Mode::kExisting || sqlite3_db_readonly(db, "main") == 1);
+}
+
+// Whether opening failed for want of room, as making the log or its index on a full disk.
+bool NoRoom(sqlite3* db, int rc) noexcept {
+  return space::IsFull(rc) ||
+         ((rc & 0xFF) == SQLITE_IOERR && db != nullptr && sqlite3_system_errno(db) == ENOSPC);
 }
 
 }  // namespace
 
 int Wrapper::OpenExisting(std::string const& path, std::unique_ptr<IDatabase>& out) {
+  failure::Clear();
   sqlite3* db = nullptr;
-  // Not SQLITE_OPEN_READONLY: a read-only connection leaves the -wal and -shm files
-  // behind. Without SQLITE_OPEN_CREATE a missing file is an error.
-  int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-  if (db == nullptr) return MakeError(SQLITE_NOMEM);
-  sqlite3_extended_result_codes(db, 1);
-  // No journal mode or synchronous level here: both are the writers' business, and a
-  // reader must not write the file to set them.
-  if (rc == SQLITE_OK) {
-    sqlite3_busy_timeout(db, kBusyTimeoutMs);
-    rc = like::Register(db);
-  } else {
-    rc = sqlite3_extended_errcode(db);
-  }
+  int const rc = OpenAndConfigure(path, open::Mode::kExisting, db);
   if (rc != SQLITE_OK) {
+    if (db != nullptr) failure::Record(db, rc);
     sqlite3_close_v2(db);
     return MakeError(rc);
   }
@@ -126,16 +155,17 @@ int Wrapper::OpenExisting(std::string const& path, std::unique_ptr<IDatabase>& o
 }
 
 int Wrapper::Open(std::string const& path, std::unique_ptr<IDatabase>& out) {
+  failure::Clear();
   sqlite3* db = nullptr;
-  // NOMUTEX: the library serialises every call on a connection under its own lock, so
-  // SQLite's per-connection mutex would only cost time.
-  int rc = sqlite3_open_v2(
-      path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
-  if (db == nullptr) return MakeError(SQLITE_NOMEM);
-  // Extended codes tell e.g. a UNIQUE violation from other constraint failures.
-  sqlite3_extended_result_codes(db, 1);
-  rc = rc == SQLITE_OK ? Configure(db) : sqlite3_extended_errcode(db);
+  int rc = OpenAndConfigure(path, open::Mode::kChoose, db);
+  if (rc != SQLITE_OK && NoRoom(db, rc) && open::HasContent(path)) {
+    // A full disk still lets what is stored be read.
+    sqlite3_close_v2(db);
+    db = nullptr;
+    rc = OpenAndConfigure(path, open::Mode::kReadOnly, db);
+  }
   if (rc != SQLITE_OK) {
+    if (db != nullptr) failure::Record(db, rc);
     sqlite3_close_v2(db);
     return MakeError(rc);
   }

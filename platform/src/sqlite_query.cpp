@@ -5,11 +5,17 @@
 #include <utility>
 
 #include "db_wrappers/sqlite/database.h"
+#include "sqlite_failure.h"
+#include "sqlite_space.h"
 
 namespace db_wrappers::sqlite {
 namespace {
 
-int Mapped(int rc) noexcept { return rc == SQLITE_OK ? 0 : MakeError(rc); }
+// A failure's code, with its reason remembered for TakeFailureReason.
+int Failure(sqlite3* connection, int rc) noexcept {
+  failure::Record(connection, rc);
+  return MakeError(rc);
+}
 
 int BindValue(sqlite3_stmt* st, int position, DbValue const& value) noexcept {
   return std::visit(
@@ -57,7 +63,9 @@ DbValue Integer(sqlite3_int64 v, int alternative) noexcept {
 }  // namespace
 
 Query::Query(std::unique_ptr<IDatabase> const& db) noexcept
-    : connection_(db ? db->Handle() : nullptr) {}
+    : connection_(db ? db->Handle() : nullptr) {
+  failure::Clear();
+}
 
 Query::Query(Query&& other) noexcept
     : connection_(std::exchange(other.connection_, nullptr)),
@@ -82,22 +90,31 @@ int Query::Prepare(std::string_view sql) {
     return MakeError(SQLITE_TOOBIG);
   int const rc = sqlite3_prepare_v2(connection_, sql.data(), static_cast<int>(sql.size()),
                                     &statement_, nullptr);
-  if (rc != SQLITE_OK) return MakeError(rc);  // the statement is left null
+  if (rc != SQLITE_OK) return Failure(connection_, rc);  // the statement is left null
   // Only blanks or comments: nothing to run, and every later call would misbehave.
   return statement_ != nullptr ? 0 : MakeError(SQLITE_MISUSE);
 }
 
 int Query::Bind(int position, DbValue const& value) {
   if (statement_ == nullptr) return MakeError(SQLITE_MISUSE);
-  return Mapped(BindValue(statement_, position, value));
+  int const rc = BindValue(statement_, position, value);
+  return rc == SQLITE_OK ? 0 : Failure(connection_, rc);
 }
 
 int Query::Next() {
   if (statement_ == nullptr) return MakeError(SQLITE_MISUSE);
-  int const rc = sqlite3_step(statement_);
+  // A change that is a transaction of its own and found the disk full is rolled back
+  // whole: it may run again once the log's room is given back.
+  bool const ownTransaction =
+      sqlite3_get_autocommit(connection_) != 0 && sqlite3_stmt_readonly(statement_) == 0;
+  int rc = sqlite3_step(statement_);
+  if (ownTransaction && space::IsFull(rc)) {
+    sqlite3_reset(statement_);
+    if (space::ReclaimLog(connection_)) rc = sqlite3_step(statement_);
+  }
   if (rc == SQLITE_ROW) return kRowReady;
   if (rc == SQLITE_DONE) return kDone;
-  return MakeError(rc);
+  return Failure(connection_, rc);
 }
 
 DbValue Query::Value(int column, int alternative) const {
@@ -130,12 +147,14 @@ int Query::GetChangesCount() const noexcept {
 
 int Query::Flush() noexcept {
   if (statement_ == nullptr) return MakeError(SQLITE_MISUSE);
-  return Mapped(sqlite3_reset(statement_));
+  int const rc = sqlite3_reset(statement_);
+  return rc == SQLITE_OK ? 0 : Failure(connection_, rc);
 }
 
 int Query::ClearBindings() noexcept {
   if (statement_ == nullptr) return MakeError(SQLITE_MISUSE);
-  return Mapped(sqlite3_clear_bindings(statement_));
+  int const rc = sqlite3_clear_bindings(statement_);
+  return rc == SQLITE_OK ? 0 : Failure(connection_, rc);
 }
 
 }  // namespace db_wrappers::sqlite

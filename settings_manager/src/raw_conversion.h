@@ -22,7 +22,9 @@ uvc::Result Serialize(uvc::aux::RefRange const& path, Setting const& setting,
 // Rebuilds the subtree whose root is the first record. The records must come in
 // ascending order of path text (as the database hands them over): the parent of each is
 // found by depth alone. On success moves the head's path and the subtree into
-// `headPath` and `head`; on failure leaves both as they were.
+// `headPath` and `head`; on failure leaves both as they were. Refuses with 0x8000005E a
+// path deeper than kMaxDepth, and list gaps that together need more placeholders than
+// there are records: the memory it takes stays a small multiple of the records'.
 uvc::Result Deserialize(std::vector<impl::RawItem> const& items, uvc::Path& headPath,
                         Setting& head);
 

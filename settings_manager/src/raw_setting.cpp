@@ -178,6 +178,10 @@ std::string RawItem::SerializePath(uvc::Path const& nodePath) {
 }
 
 void RawItem::DeserializeValue(Setting& out) const {
+  DeserializeValue(out, static_cast<std::size_t>(kMaxListReserve));
+}
+
+void RawItem::DeserializeValue(Setting& out, std::size_t reserveAtMost) const {
   Check(value, kHeaderSize);
   auto const index = GetWord(value, 0);
   if (index >= ix::kCount)
@@ -189,7 +193,8 @@ void RawItem::DeserializeValue(Setting& out) const {
       out.emplace<ix::kNone>();
       break;
     case ix::kList:
-      out.emplace<ix::kList>().reserve(static_cast<std::size_t>(std::min(word, kMaxListReserve)));
+      out.emplace<ix::kList>().reserve(static_cast<std::size_t>(
+          std::min({word, kMaxListReserve, std::uint64_t{reserveAtMost}})));
       break;
     case ix::kMap:
       out.emplace<ix::kMap>();

@@ -67,9 +67,10 @@ struct RawItem : RawAttrib {
 
   // Replaces the value of `out` (attributes untouched) with the stored one. A list comes
   // back empty with its stored count reserved (at most the 65536 elements a path can
-  // address); its elements are records of their own. Size checks run before `out` is
-  // touched.
+  // address, and at most `reserveAtMost`); its elements are records of their own. Size
+  // checks run before `out` is touched.
   void DeserializeValue(Setting& out) const;
+  void DeserializeValue(Setting& out, std::size_t reserveAtMost) const;
   template <std::size_t Index>
   void DeserializeValue(Setting& out, std::uint64_t word) const;
 

@@ -6,6 +6,7 @@
 #include "db_wrappers/transaction_monitor.h"
 #include "log.h"
 #include "settings_db_check.h"
+#include "settings_db_encoding.h"
 #include "settings_db_statements.h"
 
 namespace settings_db {
@@ -25,11 +26,13 @@ SettingsDB::SettingsDB(std::string const& path, Access access)
   if (access == Access::kReadOnly) {
     int const opened = wrapper->OpenExisting(path, db_);
     Check(opened >= 0, "Could not open settings database", opened);
+    VerifyEncoding(db_);
     Check(VerifySchema(), "Not a settings database");
     return;
   }
   int const opened = wrapper->Open(path, db_);
   Check(opened >= 0, "Could not create settings database", opened);
+  VerifyEncoding(db_);
   if (!VerifySchema()) {
     CreateSchema();
     Check(VerifySchema(), "Schema: Verify fails after Create");

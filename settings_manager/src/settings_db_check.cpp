@@ -2,13 +2,20 @@
 
 #include <fmt/format.h>
 
+#include <utility>
+
 #include "fdn/result_codes.h"
 #include "uvc/error.h"
 
 namespace settings_db {
 namespace {
 
-[[noreturn]] void Fail(int code, std::string const& message) { throw uvc::Error(code, message); }
+// Takes the reason of the database call that failed last, unless the message says it.
+[[noreturn]] void Fail(int code, std::string const& message) {
+  auto reason = db_wrappers::sqlite::TakeFailureReason();
+  if (message.find(reason) != std::string::npos) reason.clear();
+  throw StoreError(code, message, std::move(reason));
+}
 
 }  // namespace
 

@@ -4,12 +4,27 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "db_wrappers/sqlite/database.h"
+#include "uvc/error.h"
 
 namespace settings_db {
 
-// Each returns when `condition` holds and otherwise throws uvc::Error:
+// A failure of the store: its code and message are those of the forms below; `Reason`
+// holds SQLite's own words for what went wrong when a database call failed ("database or
+// disk is full"), for the caller to pass on.
+class StoreError : public uvc::Error {
+ public:
+  StoreError(int errorCode, std::string const& message, std::string reason)
+      : uvc::Error(errorCode, message), reason_(std::move(reason)) {}
+  std::string const& Reason() const noexcept { return reason_; }
+
+ private:
+  std::string reason_;
+};
+
+// Each returns when `condition` holds and otherwise throws a StoreError:
 //   "[SMDB] {what}"                                   0x80000071
 void Check(bool condition, std::string_view what);
 //   "[SMDB] {what}: '{code text}'"                    0x80000059

@@ -3,8 +3,11 @@
 #include <cstdint>
 #include <stdexcept>
 
+#include "depth.h"
+#include "failure.h"
 #include "id_rules.h"
 #include "log.h"
+#include "log_environment.h"
 #include "raw_conversion.h"
 #include "settings_manager/paths.h"
 #include "tern/rtl/random.h"
@@ -39,6 +42,7 @@ std::string SettingsManager::MakeId(bool withDatabase) {
 
 void SettingsManager::Check(uvc::Path const& path) {
   static uvc::aux::IdRules const rules(meta::GetIdSpecification());
+  CheckPathDepth(path);
   bool valid = !path.empty() && path.front().index() == 1;
   for (std::size_t i = 0; valid && i < path.size(); ++i)
     valid = rules.Check(path[i]) == uvc::IdState::Ok;
@@ -122,7 +126,7 @@ SettingsManager::~SettingsManager() {
 }
 
 int SettingsManager::Failed(char const* function, int line, uvc::Path const& path) const noexcept {
-  auto const result = uvc::ProcessException();
+  auto const result = RecordFailure();
   auto& logger = tern::logger::TernLogger::RootLogger();
   if (logger.IsLevelEnabled(LogLevel::Warning))
     logger.Log(LogLevel::Warning, kManagerSource, line, function, "{} {}({}): {}", id, function,
@@ -165,12 +169,13 @@ int SettingsManager::GetSettingsUpdateSubscriber(std::shared_ptr<ISettingsUpdate
 
 int CreateSettingsManager(SettingsManagerConfig const& config,
                           std::shared_ptr<ISettingsManager>& out) {
+  log::ReadLogEnvironment();
   try {
     std::shared_ptr<ISettingsManager> manager = std::make_shared<SettingsManager>(config);
     out = std::move(manager);
     return fdn::rc::kOk;
   } catch (std::exception const&) {
-    auto const result = uvc::ProcessException();
+    auto const result = RecordFailure();
     SM_LOG_NOEXCEPT(LogLevel::Fatal, kManagerSource, "CreateSettingsManager",
                     "Could not create settings manager: {}", result);
     return result.first;

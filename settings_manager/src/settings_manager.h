@@ -88,8 +88,8 @@ class SettingsManager final : public ISettingsManager,
 
   // The log prefix "[SM] " + sign ('+' with a database) + four hex digits + blank.
   static std::string MakeId(bool withDatabase);
-  // Throws 0x80000046 "Invalid path" unless the path is non-empty, starts with a key and
-  // every id keeps the settings id rules.
+  // Throws 0x8000005E for a path deeper than kMaxDepth, and 0x80000046 "Invalid path"
+  // unless the path is non-empty, starts with a key and every id keeps the id rules.
   static void Check(uvc::Path const& path);
   // The database key of `path`; empty without a database.
   std::string MakeStringPath(uvc::Path const& path) const;

@@ -1,6 +1,7 @@
 // The client operations on settings: read, create, change, delete.
 
 #include "auto_del.h"
+#include "depth.h"
 #include "log.h"
 #include "settings_manager.h"
 #include "uvc/tree.h"
@@ -55,6 +56,7 @@ int SettingsManager::CreateSetting(uvc::Path const& path, Setting const& value) 
   try {
     Check(path);
     if (value.valueless_by_exception()) throw kInvalidValue;
+    CheckDepth(path, value);
     uvc::Path target = path;
     Setting created = value;
     EventThread notify(*this);
@@ -96,6 +98,7 @@ int SettingsManager::SetValue(uvc::Path const& path, uvc::TValue<Setting> const&
   try {
     Check(path);
     if (value.valueless_by_exception()) throw kInvalidValue;
+    CheckDepth(path, value);
     // A value carries no attributes: the rows get cleared ones, the node keeps its own.
     Setting replacement(value);
     auto const rows = MakeRawSetting(path, replacement);
@@ -126,6 +129,7 @@ int SettingsManager::SetSetting(uvc::Path const& path, Setting const& setting) {
   try {
     Check(path);
     if (setting.valueless_by_exception()) throw kInvalidValue;
+    CheckDepth(path, setting);
     Setting replacement = setting;
     auto const rows = MakeRawSetting(path, replacement);
     uvc::Path target = path;

@@ -83,6 +83,12 @@ TEST(Exports, OnlyThePublicApiIsExported) {
   std::vector<std::string> const allowed = {
       "settings_manager::CreateSettingsManager(",
       "settings_manager::IsReadOnly(",
+      "settings_manager::LastResult[abi:cxx11](",
+      "settings_manager::LastResult(",
+      "settings_manager::logging::SetThreshold(",
+      "settings_manager::logging::Threshold(",
+      "settings_manager::logging::SetSink(",
+      "settings_manager::operator==(",
       "settings_manager::PathToStr(",
       "settings_manager::ListChildren(",
       "settings_manager::GetTree(",

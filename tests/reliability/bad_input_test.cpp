@@ -12,6 +12,7 @@
 
 #include "fdn/result_codes.h"
 #include "reliability_util.h"
+#include "settings_manager/limits.h"
 #include "support/fault_vfs.h"
 #include "support/sqlite_file.h"
 #include "support/temp_dir.h"
@@ -191,14 +192,13 @@ TEST(BadInput, DamagedFilesAreRefusedWithACodeOrServedWithoutACrash) {
   Report("bad-input", figures.str());
 }
 
-// A tree as deep as a file of a few megabytes can make it: loaded, copied, changed and
-// deleted without running out of stack.
-TEST(BadInput, AVeryDeepTreeLoadsAndChanges) {
+// A tree as deep as the limit: loaded, copied, changed and deleted.
+TEST(BadInput, ATreeAsDeepAsTheLimitLoadsAndChanges) {
   QuietLog quiet(tern::logger::LogLevel::Fatal);
   test_support::FaultVfs vfs;
   test_support::TempDir dir;
   auto const db = dir.File("settings.db");
-  std::size_t const depth = SanitizerBuild() ? 1000 : 2000;
+  std::size_t const depth = settings_manager::kMaxDepth - 1;
   {
     Client client;
     ASSERT_EQ(client.Open(db), 0);

@@ -52,6 +52,28 @@ constexpr int SqliteCode(int code) noexcept {
   return static_cast<int>(static_cast<std::uint32_t>(code) & 0xFFFFu);
 }
 
+// How long a connection waits for another connection's lock before it fails with
+// SQLITE_BUSY ("database is locked").
+constexpr int kBusyTimeoutMs = 5000;
+
+// The bound on the write-ahead log (<file>-wal): a commit that leaves the log holding
+// kCheckpointPages pages or more folds it into the database file, and the next write
+// starts the log over, cutting the file back to kLogLimitBytes. So the log stays within
+// kLogLimitBytes plus the pages of one transaction, and on a 4 KiB page the three files
+// need about the database's size plus 64 KiB of log and 32 KiB of index (<file>-shm).
+constexpr int kCheckpointPages = 16;
+constexpr int kLogLimitBytes = 64 * 1024;
+// The database file grows in steps of this size, reserved before a commit (so that
+// folding the log in never needs room the disk may no longer have).
+constexpr int kFileChunkBytes = 4096;
+
+// SQLite's own words for the last failure of a wrapper call on this thread ("database or
+// disk is full", "database is locked by another connection for longer than ...",
+// "unable to open database file: Permission denied"), and forgets them; empty when no
+// call failed since the last Open or the last Query made. Callers that turn a failure
+// into an error of their own take it to say why.
+std::string TakeFailureReason();
+
 class Query;
 class SqliteDatabase;
 
@@ -83,10 +105,10 @@ class Wrapper {
   virtual int Open(std::string const& path, std::unique_ptr<IDatabase>& out);
 
   // Opens the existing database at `path` for reading: never creates the file (a missing
-  // one fails with SQLITE_CANTOPEN) nor sets its journal mode. The connection may write
-  // when the file allows it, only so that, as the last one to close, it removes the WAL
-  // files as every connection of the store does; a write-protected file is read as such.
-  // Same result convention.
+  // one fails with SQLITE_CANTOPEN) nor sets its encoding, journal mode or log bound. The
+  // connection may write when this process may write the file, only so that, as the last
+  // one to close, it removes the WAL files as every connection of the store does;
+  // otherwise it is opened read-only as Open would. Same result convention.
   virtual int OpenExisting(std::string const& path, std::unique_ptr<IDatabase>& out);
 };
 
