@@ -5,7 +5,7 @@
 #include "db_wrappers/transaction_monitor.h"
 #include "log.h"
 #include "settings_db_check.h"
-#include "settings_db_statements.h"
+#include "settings_db_exec.h"
 
 namespace settings_db {
 
@@ -33,8 +33,8 @@ SettingsDB::~SettingsDB() = default;
 bool SettingsDB::EmptySelect(int code) noexcept { return code != sqlite::kRowReady; }
 
 bool SettingsDB::TableExists(char const* name) const {
-  Query query(db_);
-  return !EmptySelect(Exec(query, stmt::kTableExists, std::string(name)));
+  Using reset(tableExists_.query);
+  return !EmptySelect(Exec(tableExists_, std::string(name)));
 }
 
 bool SettingsDB::VerifySchema() const {
@@ -74,9 +74,11 @@ void SettingsDB::CreateSchema() const {
 }
 
 SettingsDB::RawItems SettingsDB::Get(std::string const& path) const {
-  Query query(db_);
-  int step = Exec(query, stmt::kSelectSubtree, path);
+  Statement& select = path.empty() ? selectAll_ : selectSubtree_;
+  Using reset(select.query);
+  int step = path.empty() ? Exec(select) : Exec(select, path, stmt::SubtreeEnd(path));
   if (EmptySelect(step)) return {};
+  Query const& query = select.query;
   // Sorted by text, the node's own row comes before every longer text that it prefixes.
   Check(std::get<sqlite::alt::kText>(query.Value(0, sqlite::alt::kText)) == path,
         "Get: wrong head node");
@@ -85,7 +87,7 @@ SettingsDB::RawItems SettingsDB::Get(std::string const& path) const {
     items.emplace_back(std::get<sqlite::alt::kBlob>(query.Value(2, sqlite::alt::kBlob)),
                        std::get<sqlite::alt::kBlob>(query.Value(1, sqlite::alt::kBlob)),
                        std::get<sqlite::alt::kText>(query.Value(0, sqlite::alt::kText)));
-    step = query.Next();
+    step = select.query.Next();
     if (step == sqlite::kRowReady) continue;
     Check(step == sqlite::kDone, "Get: incomplete node read", step);
     return items;
@@ -97,68 +99,52 @@ int SettingsDB::Set(RawItems const& items) const {
   // Any failure below rolls back the delete too: the subtree is replaced whole or not.
   db_wrappers::TransactionMonitor<sqlite::IDatabase> transaction(db_);
   Check(transaction.Begin(), "Set: begin transaction");
-
-  Query remove(db_);
-  Exec(remove, stmt::kDeleteSubtree, items.front().path);
-  int const removed = remove.GetChangesCount();
-
-  Query insert(db_);
-  int code = insert.Prepare(stmt::kInsertRow);
-  Check(code >= 0, "Set: prepare", code, stmt::kInsertRow, *db_);
-  for (auto const& item : items) {
-    code = Bind(insert, item.path, item.value, item.attrib);
-    Check(code >= 0, "Set: bind", code, *db_);
-    code = insert.Next();
-    Check(code >= 0, "Set: insert", code, *db_);
-    code = insert.Flush();
-    Check(code >= 0, "Set: flush", code, *db_);
-    code = insert.ClearBindings();
-    Check(code >= 0, "Set: clear bind", code, *db_);
-  }
+  int const removed = Replace(items);
   Check(transaction.Commit(), "Set: commit");
   return removed;
 }
 
+int SettingsDB::Replace(RawItems const& items) const {
+  Check(!items.empty(), "Set: empty raw setting");
+  int const removed = Del(items.front().path);
+
+  Statement& insert = insertRow_;
+  Using reset(insert.query);
+  int code = Prepare(insert);
+  Check(code >= 0, "Set: prepare", code, insert.sql, *db_);
+  for (auto const& item : items) {
+    code = Bind(insert.query, item.path, item.value, item.attrib);
+    Check(code >= 0, "Set: bind", code, *db_);
+    code = insert.query.Next();
+    Check(code >= 0, "Set: insert", code, *db_);
+    code = insert.query.Flush();
+    Check(code >= 0, "Set: flush", code, *db_);
+    code = insert.query.ClearBindings();
+    Check(code >= 0, "Set: clear bind", code, *db_);
+  }
+  return removed;
+}
+
 int SettingsDB::Upd(std::string const& path, RawAttrib const& attrib) const {
-  Query query(db_);
-  Exec(query, stmt::kUpdateAttrib, attrib.attrib, path);
-  return query.GetChangesCount();
+  Using reset(updateAttrib_.query);
+  Exec(updateAttrib_, attrib.attrib, path);
+  return updateAttrib_.query.GetChangesCount();
 }
 
 int SettingsDB::Del(std::string const& path) const {
-  Query query(db_);
-  Exec(query, stmt::kDeleteSubtree, path);
-  return query.GetChangesCount();
-}
-
-template <typename... Args>
-int SettingsDB::Exec(Query& query, std::string_view sql, Args const&... args) const {
-  int code = query.Prepare(sql);
-  Check(code >= 0, "Exec.Prepare", code, sql, *db_);
-  code = Bind(query, args...);
-  Check(code >= 0, "Exec.Bind", code, sql, *db_);
-  code = query.Next();
-  Check(code >= 0, sql, code, *db_);
-  return code;
+  Statement& remove = path.empty() ? deleteAll_ : deleteSubtree_;
+  Using reset(remove.query);
+  if (path.empty())
+    Exec(remove);
+  else
+    Exec(remove, path, stmt::SubtreeEnd(path));
+  return remove.query.GetChangesCount();
 }
 
 SettingsDB::Query SettingsDB::Exec(std::string_view sql) const {
   Query query(db_);
   Exec(query, sql);
   return query;
-}
-
-template <typename... Args>
-int SettingsDB::Bind(Query& query, Args const&... args) const {
-  int failed = 0;
-  int position = 0;
-  // Every argument is bound, even after a failure; the last failure is reported.
-  [[maybe_unused]] auto bindOne = [&](auto const& arg) {
-    int const code = BindOne(query, ++position, arg);
-    if (code < 0) failed = code;
-  };
-  (bindOne(args), ...);
-  return failed;
 }
 
 int SettingsDB::BindOne(Query& query, int position, std::string const& text) const {

@@ -7,6 +7,7 @@
 
 #include "db_wrappers/sqlite/database.h"
 #include "raw_setting.h"
+#include "settings_db_statements.h"
 
 namespace settings_db {
 
@@ -14,7 +15,8 @@ namespace settings_db {
 // record, attribute record), table `meta` the schema version "1".
 //
 // Either fully built (file open, schema verified) or its constructor has thrown. Not
-// thread-safe: its bind holders change on every call, so one thread at a time.
+// thread-safe: its statements and bind holders are shared by every call, so one thread
+// at a time. Statements are prepared on first use and kept for the connection's life.
 // Failures throw uvc::Error with a "[SMDB] " message; nothing is logged here but the
 // schema progress.
 class SettingsDB {
@@ -29,9 +31,9 @@ class SettingsDB {
   SettingsDB& operator=(SettingsDB const&) = delete;
 
   // Path texts are those of the id rules: every identifier followed by the separator,
-  // the root empty. Get, Set (first record) and Del match them as raw byte prefixes, so a
-  // text without its final separator ("a/b") would also take the siblings that begin
-  // with it ("a/bc/").
+  // the root empty. Get, Set (first record) and Del take the rows whose text begins with
+  // the given one, bytewise, so a text without its final separator ("a/b") would also
+  // take the siblings that begin with it ("a/bc/").
 
   // The rows of the node at `path` and its descendants, in ascending byte order of path
   // text; empty when nothing is stored under `path`. Throws "Get: wrong head node" when
@@ -42,6 +44,10 @@ class SettingsDB {
   // Replaces, in one transaction, the stored subtree of the first record by `items`:
   // all rows replaced or none. Returns how many rows the old subtree had.
   int Set(RawItems const& items) const;
+
+  // Set's replacement inside a transaction the caller has begun: the same steps and
+  // messages, without its own begin and commit.
+  int Replace(RawItems const& items) const;
 
   // Sets the attribute record of the row whose path text is exactly `path`; returns the
   // number of rows changed (0 or 1).
@@ -57,16 +63,28 @@ class SettingsDB {
  private:
   using Query = db_wrappers::sqlite::Query;
 
+  // A statement prepared on first use and kept; reset after every use, so that no read
+  // stays open between calls.
+  struct Statement {
+    explicit Statement(std::string_view text) : sql(text) {}
+    std::string_view sql;
+    Query query{std::unique_ptr<db_wrappers::sqlite::IDatabase>()};  // unprepared
+  };
+
   bool VerifySchema() const;
   void CreateSchema() const;
   bool TableExists(char const* name) const;
 
-  // Prepares `sql` on `query`, binds the arguments from position 1 and takes the first
-  // step; returns the step's code (row ready or done).
+  // Prepares `statement` unless it is, binds the arguments from position 1 and takes the
+  // first step; returns the step's code (row ready or done).
+  template <typename... Args>
+  int Exec(Statement& statement, Args const&... args) const;
+  // Prepares `sql` on `query`, binds and steps it: the statements run once per file.
   template <typename... Args>
   int Exec(Query& query, std::string_view sql, Args const&... args) const;
   // Prepares and steps a statement without parameters on a Query of its own.
   Query Exec(std::string_view sql) const;
+  int Prepare(Statement& statement) const;
 
   // Binds every argument at positions 1, 2, 3 ... even after a failure; returns the code
   // of the last failed bind, or 0.
@@ -78,6 +96,15 @@ class SettingsDB {
   mutable db_wrappers::sqlite::DbValue text_;  // reused to bind every text
   mutable db_wrappers::sqlite::DbValue blob_;  // reused to bind every blob
   std::unique_ptr<db_wrappers::sqlite::IDatabase> db_;
+
+  // Declared after db_: finalized before the connection closes.
+  mutable Statement tableExists_{statements::kTableExists};
+  mutable Statement selectAll_{statements::kSelectAll};
+  mutable Statement selectSubtree_{statements::kSelectSubtree};
+  mutable Statement deleteAll_{statements::kDeleteAll};
+  mutable Statement deleteSubtree_{statements::kDeleteSubtree};
+  mutable Statement insertRow_{statements::kInsertRow};
+  mutable Statement updateAttrib_{statements::kUpdateAttrib};
 };
 
 }  // namespace settings_db
