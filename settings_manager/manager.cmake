@@ -4,6 +4,8 @@ add_library(sm_manager STATIC
   src/settings_manager_operations.cpp
   src/settings_manager_events.cpp
   src/settings_manager_subscriptions.cpp
+  src/settings_manager_coherence.cpp
+  src/tree_diff.cpp
 )
 target_link_libraries(sm_manager PUBLIC sm_db Threads::Threads PRIVATE sm_warnings)
 

@@ -1,5 +1,7 @@
 #include "settings_db.h"
 
+#include <sys/stat.h>
+
 #include <stdexcept>
 
 #include "db_wrappers/transaction_monitor.h"
@@ -18,10 +20,17 @@ using settings_manager::log::LogLevel;
 
 SettingsDB::SettingsDB(std::string const& path)
     : text_(std::in_place_index<sqlite::alt::kText>),
-      blob_(std::in_place_index<sqlite::alt::kBlob>) {
+      blob_(std::in_place_index<sqlite::alt::kBlob>),
+      path_(path) {
   if (path.empty()) throw std::runtime_error("[SMDB] Empty DB path");
   int const opened = std::make_unique<sqlite::Wrapper>()->Open(path, db_);
   Check(opened >= 0, "Could not create settings database", opened);
+  // Remembered so that a change never goes to a file that no longer has this path.
+  struct stat file {};
+  if (::stat(path.c_str(), &file) == 0) {
+    device_ = file.st_dev;
+    inode_ = file.st_ino;
+  }
   if (!VerifySchema()) {
     CreateSchema();
     Check(VerifySchema(), "Schema: Verify fails after Create");
@@ -156,6 +165,10 @@ int SettingsDB::BindOne(Query& query, int position, Bytes const& blob) const {
   auto& holder = std::get<sqlite::alt::kBlob>(blob_);
   holder.assign(blob.begin(), blob.end());
   return query.Bind(position, blob_);
+}
+
+int SettingsDB::BindOne(Query& query, int position, std::int64_t number) const {
+  return query.Bind(position, sqlite::DbValue(number));
 }
 
 }  // namespace settings_db

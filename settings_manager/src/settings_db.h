@@ -1,6 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,7 +16,8 @@
 namespace settings_db {
 
 // The settings database file: table `data` holds one row per node (path text, value
-// record, attribute record), table `meta` the schema version "1".
+// record, attribute record), table `meta` the schema version "1", and, once a manager has
+// changed the file, table `changes` the log that keeps the managers sharing it coherent.
 //
 // Either fully built (file open, schema verified) or its constructor has thrown. Not
 // thread-safe: its statements and bind holders are shared by every call, so one thread
@@ -45,8 +50,8 @@ class SettingsDB {
   // all rows replaced or none. Returns how many rows the old subtree had.
   int Set(RawItems const& items) const;
 
-  // Set's replacement inside a transaction the caller has begun: the same steps and
-  // messages, without its own begin and commit.
+  // Set's replacement inside a transaction the caller has begun (a Transaction): the
+  // same steps and messages, without its own begin and commit.
   int Replace(RawItems const& items) const;
 
   // Sets the attribute record of the row whose path text is exactly `path`; returns the
@@ -60,6 +65,61 @@ class SettingsDB {
   // True unless `code` is the row-ready code: the query produced no row.
   static bool EmptySelect(int code) noexcept;
 
+  // ---- Several managers on one file ----
+  //
+  // Each change a manager makes runs in one Transaction, which also records the key of
+  // the subtree it changed in `changes`; the row's number is the file's new generation.
+  // A manager that finds the generation moved since it last looked re-reads what the
+  // log names. Edits made without a manager record nothing.
+
+  // The write transaction of one change. Begun IMMEDIATE, so writers of every process
+  // take turns; rolled back at scope end unless committed.
+  class Transaction {
+   public:
+    // Checks that the file at the path is still the one opened, then begins. Throws
+    // "[SMDB] {what}: begin transaction" when it cannot begin (a lock held past the busy
+    // timeout, a read-only file).
+    Transaction(SettingsDB const& db, std::string_view what);
+    ~Transaction();
+    Transaction(Transaction const&) = delete;
+    Transaction& operator=(Transaction const&) = delete;
+
+    // Records a change of the subtree at `path` and commits; returns the new generation.
+    // Throws "[SMDB] {what}: commit" when the commit fails (nothing is then stored).
+    std::uint64_t Commit(std::string const& path);
+
+   private:
+    SettingsDB const& db_;
+    std::string_view what_;
+    bool open_ = false;
+  };
+
+  // The file's generation: the number of the last change recorded; 0 before the first.
+  std::uint64_t Generation() const;
+
+  // The texts of the subtrees changed after generation `seen`, in ascending order and
+  // without those inside another of them. Nothing when the log cannot tell: it no longer
+  // reaches back to `seen`, or the file's generation is below `seen`.
+  std::optional<std::vector<std::string>> ChangedSince(std::uint64_t seen) const;
+
+  // A read of the current state, for a refresh: when the file can be written it holds
+  // the write lock, so that a change still being committed by another process (its
+  // writes already seen by a watcher) is waited for. Rolled back at scope end.
+  class Snapshot {
+   public:
+    explicit Snapshot(SettingsDB const& db);
+    ~Snapshot();
+    Snapshot(Snapshot const&) = delete;
+    Snapshot& operator=(Snapshot const&) = delete;
+
+   private:
+    SettingsDB const& db_;
+    bool open_ = false;
+  };
+
+  // The path the file was opened with.
+  std::string const& FilePath() const noexcept { return path_; }
+
  private:
   using Query = db_wrappers::sqlite::Query;
 
@@ -70,10 +130,13 @@ class SettingsDB {
     std::string_view sql;
     Query query{std::unique_ptr<db_wrappers::sqlite::IDatabase>()};  // unprepared
   };
-
   bool VerifySchema() const;
   void CreateSchema() const;
   bool TableExists(char const* name) const;
+  bool ChangeLogExists() const;
+  void CheckSameFile() const;
+  std::uint64_t Record(std::string const& path) const;
+  std::uint64_t SingleNumber(Statement& statement) const;
 
   // Prepares `statement` unless it is, binds the arguments from position 1 and takes the
   // first step; returns the step's code (row ready or done).
@@ -92,10 +155,15 @@ class SettingsDB {
   int Bind(Query& query, Args const&... args) const;
   int BindOne(Query& query, int position, std::string const& text) const;
   int BindOne(Query& query, int position, settings_manager::impl::Bytes const& blob) const;
+  int BindOne(Query& query, int position, std::int64_t number) const;
 
   mutable db_wrappers::sqlite::DbValue text_;  // reused to bind every text
   mutable db_wrappers::sqlite::DbValue blob_;  // reused to bind every blob
   std::unique_ptr<db_wrappers::sqlite::IDatabase> db_;
+  std::string path_;
+  dev_t device_ = 0;  // the file opened: a path that names another one is refused
+  ino_t inode_ = 0;
+  mutable bool changeLog_ = false;  // `changes` seen; a table is never dropped by us
 
   // Declared after db_: finalized before the connection closes.
   mutable Statement tableExists_{statements::kTableExists};
@@ -105,6 +173,11 @@ class SettingsDB {
   mutable Statement deleteSubtree_{statements::kDeleteSubtree};
   mutable Statement insertRow_{statements::kInsertRow};
   mutable Statement updateAttrib_{statements::kUpdateAttrib};
+  mutable Statement lastGeneration_{statements::kLastGeneration};
+  mutable Statement firstGeneration_{statements::kFirstGeneration};
+  mutable Statement changedSince_{statements::kChangedSince};
+  mutable Statement insertChange_{statements::kInsertChange};
+  mutable Statement pruneChanges_{statements::kPruneChanges};
 };
 
 }  // namespace settings_db

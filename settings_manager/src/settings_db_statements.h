@@ -35,6 +35,20 @@ constexpr std::string_view kDeleteSubtree =
 constexpr std::string_view kInsertRow = " INSERT INTO data VALUES ($path, $value, $attrib);";
 constexpr std::string_view kUpdateAttrib = " UPDATE data    SET attrib = $attrib  WHERE path = $path;";
 
+// The change log of the managers that share a file: one row per change, in the change's
+// own transaction; the last generation is the file's. Made by the first change that
+// needs it, so a file only ever read keeps just data and meta.
+constexpr char const kChangeLog[] = "changes";
+constexpr std::string_view kCreateChangeLog =
+    " CREATE TABLE IF NOT EXISTS changes (   generation  INTEGER PRIMARY KEY,   path        TEXT NOT NULL );";
+constexpr std::string_view kLastGeneration = " SELECT max(generation)   FROM changes;";
+constexpr std::string_view kFirstGeneration = " SELECT min(generation)   FROM changes;";
+constexpr std::string_view kChangedSince =
+    " SELECT DISTINCT path   FROM changes  WHERE generation > $seen  ORDER BY path ASC;";
+constexpr std::string_view kInsertChange =
+    " INSERT INTO changes (path) VALUES ($path)  RETURNING generation;";
+constexpr std::string_view kPruneChanges = " DELETE    FROM changes  WHERE generation <= $last;";
+
 // clang-format on
 
 constexpr char const kVersionKey[] = "ver";

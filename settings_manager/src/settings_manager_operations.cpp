@@ -24,6 +24,7 @@ int SettingsManager::GetSetting(uvc::Path const& path, Setting& out) const {
   try {
     Check(path);
     Setting copy;
+    RefreshIfStale();
     {
       std::shared_lock<std::shared_mutex> lock(treeLock);
       copy = uvc::GetItem(tree, path);
@@ -40,6 +41,7 @@ int SettingsManager::GetAttribute(uvc::Path const& path, Attributes& out) const 
   try {
     Check(path);
     Attributes attributes;
+    RefreshIfStale();
     {
       std::shared_lock<std::shared_mutex> lock(treeLock);
       attributes = uvc::GetItem(tree, path).attributes;
@@ -60,6 +62,7 @@ int SettingsManager::CreateSetting(uvc::Path const& path, Setting const& value) 
     EventThread notify(*this);
     {
       std::unique_lock<std::shared_mutex> lock(treeLock);
+      StoreChange change(*this, notify, "Set");
       Setting* parent = &tree;
       std::size_t existing = 0;
       for (; existing < target.size(); ++existing) {
@@ -80,7 +83,9 @@ int SettingsManager::CreateSetting(uvc::Path const& path, Setting const& value) 
         // when the database refuses. The deepest existing node's whole subtree is
         // rewritten, keeping the rows an exact image of it.
         AutoDel undo(*parent, target[existing]);
-        db->Set(MakeRawSetting(uvc::aux::MakeRefRange(0, existing, target), *parent));
+        auto const rows = MakeRawSetting(uvc::aux::MakeRefRange(0, existing, target), *parent);
+        db->Replace(rows);
+        change.Commit(rows.front().path);
         undo.Disarm();
       }
       PushEvent_(notify, std::move(target), event::kCreated);
@@ -103,6 +108,7 @@ int SettingsManager::SetValue(uvc::Path const& path, uvc::TValue<Setting> const&
     EventThread notify(*this);
     {
       std::unique_lock<std::shared_mutex> lock(treeLock);
+      StoreChange change(*this, notify, "Set");
       Setting& node = uvc::GetItem(tree, target);
       // A change of type is reported, not refused.
       if (node.index() != uvc::index::kNone && node.index() != replacement.index())
@@ -111,7 +117,10 @@ int SettingsManager::SetValue(uvc::Path const& path, uvc::TValue<Setting> const&
                replacement.index());
       if (node.value() == replacement.value()) return fdn::rc::kFalse;
       if (IsReadOnly(node)) return fdn::rc::kProhibited;
-      if (db) db->Set(rows);
+      if (db) {
+        db->Replace(rows);
+        change.Commit(rows.front().path);
+      }
       node.value() = std::move(replacement.value());
       PushEvent_(notify, std::move(target), event::kValue);
     }
@@ -132,6 +141,7 @@ int SettingsManager::SetSetting(uvc::Path const& path, Setting const& setting) {
     EventThread notify(*this);
     {
       std::unique_lock<std::shared_mutex> lock(treeLock);
+      StoreChange change(*this, notify, "Set");
       Setting& node = uvc::GetItem(tree, target);
       if (node.index() != uvc::index::kNone && node.index() != replacement.index())
         SM_LOG(LogLevel::Error, kManagerSource, "SetSetting",
@@ -139,7 +149,10 @@ int SettingsManager::SetSetting(uvc::Path const& path, Setting const& setting) {
                node.index(), replacement.index());
       if (node == replacement) return fdn::rc::kFalse;
       // No read-only check: this is the privileged replacement.
-      if (db) db->Set(rows);
+      if (db) {
+        db->Replace(rows);
+        change.Commit(rows.front().path);
+      }
       node = std::move(replacement);
       PushEvent_(notify, std::move(target), event::kSetting);
     }
@@ -159,9 +172,13 @@ int SettingsManager::SetAttribute(uvc::Path const& path, Attributes const& attri
     EventThread notify(*this);
     {
       std::unique_lock<std::shared_mutex> lock(treeLock);
+      StoreChange change(*this, notify, "Upd");
       Setting& node = uvc::GetItem(tree, target);
       if (node.attributes == attributes) return fdn::rc::kFalse;
-      if (db && db->Upd(key, record) != 1) throw kAttribDiffers;
+      if (db) {
+        if (db->Upd(key, record) != 1) throw kAttribDiffers;
+        change.Commit(key);
+      }
       node.attributes = attributes;
       PushEvent_(notify, std::move(target), event::kAttributes);
     }
@@ -184,7 +201,10 @@ int SettingsManager::DeleteSetting(uvc::Path const& path) {
     EventThread notify(*this);
     {
       std::unique_lock<std::shared_mutex> lock(treeLock);
+      StoreChange change(*this, notify, "Del");
       int const rows = db ? db->Del(key) : -1;
+      // Rows removed are committed whatever the tree holds.
+      if (rows > 0) change.Commit(key);
       removed = uvc::DelItem(tree, target, false);
       if (removed == fdn::rc::kOk) {
         // The removal stands even when the database had no row for it.

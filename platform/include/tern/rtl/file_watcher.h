@@ -1,0 +1,51 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tern::rtl {
+
+// Tells, on a thread of its own, that some files of one folder changed: `changed` is
+// called after each batch of kernel events that wrote, made, removed or renamed one of
+// the named files, and after the kernel dropped events (anything may have changed then).
+// Calls never overlap. Linux inotify; the folder itself is watched, so a file made or
+// replaced after the start is seen too.
+class FileWatcher {
+ public:
+  // Starts watching `names` in `folder`. Throws std::system_error when the kernel refuses
+  // (no inotify instance left, no such folder) or the thread cannot start.
+  FileWatcher(std::string const& folder, std::vector<std::string> names,
+              std::function<void()> changed);
+  // Stops: a call of `changed` in progress ends first, and none follows.
+  ~FileWatcher();
+  FileWatcher(FileWatcher const&) = delete;
+  FileWatcher& operator=(FileWatcher const&) = delete;
+
+ private:
+  // An owned file descriptor.
+  class Descriptor {
+   public:
+    explicit Descriptor(int fd = -1) noexcept : fd_(fd) {}
+    ~Descriptor();
+    Descriptor(Descriptor const&) = delete;
+    Descriptor& operator=(Descriptor const&) = delete;
+    int Get() const noexcept { return fd_; }
+
+   private:
+    int fd_;
+  };
+
+  void Run() noexcept;
+  // Reads every queued event; true when one of them concerns a watched name.
+  bool Drain() noexcept;
+
+  Descriptor events_;  // the inotify instance
+  Descriptor stop_;    // an eventfd, written to stop the thread
+  std::vector<std::string> names_;
+  std::function<void()> changed_;
+  std::thread thread_;  // last: started when everything it reads is ready
+};
+
+}  // namespace tern::rtl

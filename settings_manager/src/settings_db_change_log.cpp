@@ -1,0 +1,127 @@
+// The change log of the managers that share one file, and the transactions that keep it.
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <fmt/format.h>
+
+#include "settings_db.h"
+#include "settings_db_exec.h"
+
+namespace settings_db {
+
+namespace sqlite = db_wrappers::sqlite;
+namespace stmt = statements;
+
+namespace {
+
+// Enough for a manager that missed a few changes to take in only what they touched; one
+// that missed more reloads everything.
+constexpr std::uint64_t kKeptChanges = 1024;
+constexpr std::uint64_t kPruneEvery = 256;
+
+bool StartsWith(std::string const& text, std::string const& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+}  // namespace
+
+SettingsDB::Transaction::Transaction(SettingsDB const& db, std::string_view what)
+    : db_(db), what_(what) {
+  db.CheckSameFile();
+  open_ = db.db_->Begin().Statement() != nullptr;
+  Check(open_, fmt::format("{}: begin transaction", what_));
+}
+
+SettingsDB::Transaction::~Transaction() {
+  if (!open_) return;
+  try {
+    db_.db_->Rollback();
+  } catch (...) {
+    // A failed roll-back ends the transaction too; a destructor reports nothing.
+  }
+}
+
+std::uint64_t SettingsDB::Transaction::Commit(std::string const& path) {
+  auto const generation = db_.Record(path);
+  // A failed commit leaves the transaction open: the destructor rolls it back.
+  Check(db_.db_->Commit().Statement() != nullptr, fmt::format("{}: commit", what_));
+  open_ = false;
+  return generation;
+}
+
+SettingsDB::Snapshot::Snapshot(SettingsDB const& db) : db_(db) {
+  // A reader of a read-only file cannot take the write lock; it sees what is committed.
+  if (sqlite3_db_readonly(db.db_->Handle(), "main") == 1) return;
+  open_ = db.db_->Begin().Statement() != nullptr;
+  Check(open_, "Refresh: begin transaction");
+}
+
+SettingsDB::Snapshot::~Snapshot() {
+  if (!open_) return;
+  try {
+    db_.db_->Rollback();
+  } catch (...) {
+  }
+}
+
+void SettingsDB::CheckSameFile() const {
+  if (inode_ == 0) return;  // not a file of its own (":memory:")
+  struct stat file {};
+  bool const same =
+      ::stat(path_.c_str(), &file) == 0 && file.st_dev == device_ && file.st_ino == inode_;
+  Check(same, "Database file replaced or deleted since it was opened", path_);
+}
+
+bool SettingsDB::ChangeLogExists() const {
+  // Once there it stays: only a true answer is kept.
+  if (!changeLog_) changeLog_ = TableExists(stmt::kChangeLog);
+  return changeLog_;
+}
+
+std::uint64_t SettingsDB::SingleNumber(Statement& statement) const {
+  Using reset(statement.query);
+  if (EmptySelect(Exec(statement))) return 0;
+  auto const value = statement.query.Value(0, sqlite::alt::kInt64);
+  auto const* number = std::get_if<sqlite::alt::kInt64>(&value);
+  return number != nullptr && *number > 0 ? static_cast<std::uint64_t>(*number) : 0;  // NULL: none
+}
+
+std::uint64_t SettingsDB::Generation() const {
+  return ChangeLogExists() ? SingleNumber(lastGeneration_) : 0;
+}
+
+std::optional<std::vector<std::string>> SettingsDB::ChangedSince(std::uint64_t seen) const {
+  auto const last = Generation();
+  if (last < seen) return std::nullopt;  // the log was emptied or the file replaced
+  std::vector<std::string> paths;
+  if (last == seen) return paths;
+  if (SingleNumber(firstGeneration_) > seen + 1) return std::nullopt;  // pruned
+  Using reset(changedSince_.query);
+  for (int step = Exec(changedSince_, static_cast<std::int64_t>(seen)); step == sqlite::kRowReady;
+       step = changedSince_.query.Next()) {
+    auto path = std::get<sqlite::alt::kText>(changedSince_.query.Value(0, sqlite::alt::kText));
+    // In byte order a subtree's own changes follow it at once.
+    if (!paths.empty() && StartsWith(path, paths.back())) continue;
+    paths.push_back(std::move(path));
+  }
+  return paths;
+}
+
+std::uint64_t SettingsDB::Record(std::string const& path) const {
+  if (!ChangeLogExists()) {
+    Query create(db_);
+    Exec(create, stmt::kCreateChangeLog);
+  }
+  Using reset(insertChange_.query);
+  Check(!EmptySelect(Exec(insertChange_, path)), "Record: no generation");
+  auto const generation = static_cast<std::uint64_t>(
+      std::get<sqlite::alt::kInt64>(insertChange_.query.Value(0, sqlite::alt::kInt64)));
+  if (generation % kPruneEvery == 0 && generation > kKeptChanges) {
+    Using resetPrune(pruneChanges_.query);
+    Exec(pruneChanges_, static_cast<std::int64_t>(generation - kKeptChanges));
+  }
+  return generation;
+}
+
+}  // namespace settings_db
