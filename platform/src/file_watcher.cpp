@@ -18,6 +18,9 @@ namespace {
 constexpr std::uint32_t kWatched =
     IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
 
+// A name made, removed or renamed.
+constexpr std::uint32_t kEntry = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+
 int Checked(int fd, char const* what) {
   if (fd < 0) throw std::system_error(errno, std::generic_category(), what);
   return fd;
@@ -30,7 +33,7 @@ FileWatcher::Descriptor::~Descriptor() {
 }
 
 FileWatcher::FileWatcher(std::string const& folder, std::vector<std::string> names,
-                         std::function<void()> changed)
+                         std::function<void(bool)> changed)
     : events_(Checked(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC), "inotify_init1")),
       stop_(Checked(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "eventfd")),
       names_(std::move(names)),
@@ -54,9 +57,11 @@ void FileWatcher::Run() noexcept {
       return;
     }
     if (waits[1].revents != 0) return;
-    if (waits[0].revents != 0 && Drain()) {
+    if (waits[0].revents == 0) continue;
+    auto const batch = Drain();
+    if (batch.changed) {
       try {
-        changed_();
+        changed_(batch.replaced);
       } catch (...) {
         // The watcher outlives a failing listener; the next change calls it again.
       }
@@ -64,21 +69,24 @@ void FileWatcher::Run() noexcept {
   }
 }
 
-bool FileWatcher::Drain() noexcept {
-  bool relevant = false;
+FileWatcher::Batch FileWatcher::Drain() noexcept {
+  Batch batch;
   alignas(inotify_event) char buffer[4096];
   for (;;) {
     auto const got = ::read(events_.Get(), buffer, sizeof buffer);
-    if (got <= 0) return relevant;  // EAGAIN: nothing left
+    if (got <= 0) return batch;  // EAGAIN: nothing left
     for (char const* at = buffer; at < buffer + got;) {
       auto const* event = reinterpret_cast<inotify_event const*>(at);
       at += sizeof(inotify_event) + event->len;
       // An overflow lost events; a folder removed or moved ends the watch.
       if (event->mask & (IN_Q_OVERFLOW | IN_IGNORED)) {
-        relevant = true;
+        batch.changed = batch.replaced = true;
       } else if (event->len > 0) {
         std::string const name(event->name);  // NUL-padded to len
-        relevant = relevant || std::find(names_.begin(), names_.end(), name) != names_.end();
+        auto const found = std::find(names_.begin(), names_.end(), name);
+        if (found == names_.end()) continue;
+        batch.changed = true;
+        if (found == names_.begin() && (event->mask & kEntry) != 0) batch.replaced = true;
       }
     }
   }

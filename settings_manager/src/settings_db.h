@@ -76,17 +76,17 @@ class SettingsDB {
   // take turns; rolled back at scope end unless committed.
   class Transaction {
    public:
-    // Checks that the file at the path is still the one opened, then begins. Throws
-    // "[SMDB] {what}: begin transaction" when it cannot begin (a lock held past the busy
-    // timeout, a read-only file).
+    // Begins. Throws "[SMDB] {what}: begin transaction" when it cannot (a lock held past
+    // the busy timeout, a read-only file).
     Transaction(SettingsDB const& db, std::string_view what);
     ~Transaction();
     Transaction(Transaction const&) = delete;
     Transaction& operator=(Transaction const&) = delete;
 
-    // Records a change of the subtree at `path` and commits; returns the new generation.
-    // Throws "[SMDB] {what}: commit" when the commit fails (nothing is then stored).
-    std::uint64_t Commit(std::string const& path);
+    // Records the change of the subtree at `path` as `generation` (the file's generation,
+    // read in this transaction, plus one) and commits. Throws "[SMDB] {what}: commit" when
+    // the commit fails (nothing is then stored).
+    void Commit(std::string const& path, std::uint64_t generation);
 
    private:
     SettingsDB const& db_;
@@ -117,8 +117,10 @@ class SettingsDB {
     bool open_ = false;
   };
 
-  // The path the file was opened with.
-  std::string const& FilePath() const noexcept { return path_; }
+  // Throws "[SMDB] Database file replaced or deleted since it was opened: '{path}'" when
+  // the path no longer names the file opened. One stat(2): callers ask when a watcher saw
+  // the file's name change.
+  void CheckSameFile() const;
 
  private:
   using Query = db_wrappers::sqlite::Query;
@@ -134,8 +136,7 @@ class SettingsDB {
   void CreateSchema() const;
   bool TableExists(char const* name) const;
   bool ChangeLogExists() const;
-  void CheckSameFile() const;
-  std::uint64_t Record(std::string const& path) const;
+  void Record(std::string const& path, std::uint64_t generation) const;
   std::uint64_t SingleNumber(Statement& statement) const;
 
   // Prepares `statement` unless it is, binds the arguments from position 1 and takes the

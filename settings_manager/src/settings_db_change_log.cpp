@@ -28,7 +28,6 @@ bool StartsWith(std::string const& text, std::string const& prefix) {
 
 SettingsDB::Transaction::Transaction(SettingsDB const& db, std::string_view what)
     : db_(db), what_(what) {
-  db.CheckSameFile();
   open_ = db.db_->Begin().Statement() != nullptr;
   Check(open_, fmt::format("{}: begin transaction", what_));
 }
@@ -42,12 +41,11 @@ SettingsDB::Transaction::~Transaction() {
   }
 }
 
-std::uint64_t SettingsDB::Transaction::Commit(std::string const& path) {
-  auto const generation = db_.Record(path);
+void SettingsDB::Transaction::Commit(std::string const& path, std::uint64_t generation) {
+  db_.Record(path, generation);
   // A failed commit leaves the transaction open: the destructor rolls it back.
   Check(db_.db_->Commit().Statement() != nullptr, fmt::format("{}: commit", what_));
   open_ = false;
-  return generation;
 }
 
 SettingsDB::Snapshot::Snapshot(SettingsDB const& db) : db_(db) {
@@ -108,20 +106,20 @@ std::optional<std::vector<std::string>> SettingsDB::ChangedSince(std::uint64_t s
   return paths;
 }
 
-std::uint64_t SettingsDB::Record(std::string const& path) const {
+void SettingsDB::Record(std::string const& path, std::uint64_t generation) const {
   if (!ChangeLogExists()) {
     Query create(db_);
     Exec(create, stmt::kCreateChangeLog);
   }
-  Using reset(insertChange_.query);
-  Check(!EmptySelect(Exec(insertChange_, path)), "Record: no generation");
-  auto const generation = static_cast<std::uint64_t>(
-      std::get<sqlite::alt::kInt64>(insertChange_.query.Value(0, sqlite::alt::kInt64)));
+  {
+    // The number is given, not made by SQLite: no second statement to learn it.
+    Using reset(insertChange_.query);
+    Exec(insertChange_, static_cast<std::int64_t>(generation), path);
+  }
   if (generation % kPruneEvery == 0 && generation > kKeptChanges) {
-    Using resetPrune(pruneChanges_.query);
+    Using reset(pruneChanges_.query);
     Exec(pruneChanges_, static_cast<std::int64_t>(generation - kKeptChanges));
   }
-  return generation;
 }
 
 }  // namespace settings_db

@@ -45,8 +45,7 @@ constexpr std::string_view kLastGeneration = " SELECT max(generation)   FROM cha
 constexpr std::string_view kFirstGeneration = " SELECT min(generation)   FROM changes;";
 constexpr std::string_view kChangedSince =
     " SELECT DISTINCT path   FROM changes  WHERE generation > $seen  ORDER BY path ASC;";
-constexpr std::string_view kInsertChange =
-    " INSERT INTO changes (path) VALUES ($path)  RETURNING generation;";
+constexpr std::string_view kInsertChange = " INSERT INTO changes VALUES ($generation, $path);";
 constexpr std::string_view kPruneChanges = " DELETE    FROM changes  WHERE generation <= $last;";
 
 // clang-format on

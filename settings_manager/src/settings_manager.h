@@ -138,8 +138,9 @@ class SettingsManager final : public ISettingsManager,
     if (stale.load(std::memory_order_relaxed)) const_cast<SettingsManager*>(this)->Refresh_(true);
   }
   void Refresh_(bool onlyIfStale) noexcept;
-  // The watcher's call: the file or its log was written.
-  void FileChanged() noexcept;
+  // The watcher's call: the file or its log was written (`replaced`: the file's name was
+  // made, removed or renamed).
+  void FileChanged(bool replaced) noexcept;
   // Under treeLock held exclusively, with the file read inside a transaction: takes in
   // the changes recorded after seenGeneration, subtree by subtree, or by a whole reload
   // when the log cannot tell (or names the root). Queues their events.
@@ -190,6 +191,9 @@ class SettingsManager final : public ISettingsManager,
   // flight when the watcher spoke is waited for. Stays set without a watcher: every read
   // then looks at the file.
   std::atomic<bool> stale{false};
+  // Set by the watcher when the file's name changed: from then on every change checks
+  // that the path still names the file opened.
+  std::atomic<bool> renamed{false};
   bool watching = false;  // set once by the constructor: the watcher runs
   // Last: stopped first, before anything its calls touch.
   std::unique_ptr<tern::rtl::FileWatcher> watcher;

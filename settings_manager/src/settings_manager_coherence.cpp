@@ -19,13 +19,19 @@ SettingsManager::StoreChange::StoreChange(SettingsManager& manager, EventThread&
                                           char const* what)
     : manager_(manager) {
   if (!manager.db) return;
+  // Never written to a file that no longer has the path (checked once the watcher saw
+  // the name change: a stat costs more than the rest of this).
+  if (manager.renamed) manager.db->CheckSameFile();
   // Begun first: from here on no other manager commits until this change ends.
   transaction_.emplace(*manager.db, what);
   manager.CatchUp_(guard);
 }
 
 void SettingsManager::StoreChange::Commit(std::string const& key) {
-  if (transaction_) manager_.seenGeneration = transaction_->Commit(key);
+  if (!transaction_) return;
+  // Caught up inside this transaction: the file's generation is the one seen.
+  transaction_->Commit(key, manager_.seenGeneration + 1);
+  ++manager_.seenGeneration;
 }
 
 void SettingsManager::StartWatcher(std::string const& dbPath) {
@@ -37,18 +43,20 @@ void SettingsManager::StartWatcher(std::string const& dbPath) {
     // A commit writes the log (WAL) or the file and its journal (rollback journal).
     watcher = std::make_unique<tern::rtl::FileWatcher>(
         folder, std::vector<std::string>{name, name + "-wal", name + "-journal"},
-        [this] { FileChanged(); });
+        [this](bool replaced) { FileChanged(replaced); });
     watching = true;
   } catch (std::exception const&) {
-    // Without a watcher every read looks at the file: slower, never stale.
+    // Without a watcher every read and change looks at the file: slower, never stale.
     stale = true;
+    renamed = true;
     auto const result = uvc::ProcessException();
     SM_LOG(LogLevel::Warning, kManagerSource, "SettingsManager",
            "{} Watch: every read checks the file: {}", id, result);
   }
 }
 
-void SettingsManager::FileChanged() noexcept {
+void SettingsManager::FileChanged(bool replaced) noexcept {
+  if (replaced) renamed = true;
   stale = true;
   // Observers hear other processes' changes without anyone reading.
   if (eventsEnabled) Refresh_(true);

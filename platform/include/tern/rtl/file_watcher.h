@@ -10,14 +10,15 @@ namespace tern::rtl {
 // Tells, on a thread of its own, that some files of one folder changed: `changed` is
 // called after each batch of kernel events that wrote, made, removed or renamed one of
 // the named files, and after the kernel dropped events (anything may have changed then).
-// Calls never overlap. Linux inotify; the folder itself is watched, so a file made or
-// replaced after the start is seen too.
+// Its argument is true when the first name itself was made, removed or renamed (or
+// events were dropped). Calls never overlap. Linux inotify; the folder itself is watched, so a file
+// made or replaced after the start is seen too.
 class FileWatcher {
  public:
   // Starts watching `names` in `folder`. Throws std::system_error when the kernel refuses
   // (no inotify instance left, no such folder) or the thread cannot start.
   FileWatcher(std::string const& folder, std::vector<std::string> names,
-              std::function<void()> changed);
+              std::function<void(bool replaced)> changed);
   // Stops: a call of `changed` in progress ends first, and none follows.
   ~FileWatcher();
   FileWatcher(FileWatcher const&) = delete;
@@ -38,13 +39,17 @@ class FileWatcher {
   };
 
   void Run() noexcept;
-  // Reads every queued event; true when one of them concerns a watched name.
-  bool Drain() noexcept;
+  // What the queued events tell, all of them read.
+  struct Batch {
+    bool changed = false;   // one of the names
+    bool replaced = false;  // the first name's entry
+  };
+  Batch Drain() noexcept;
 
   Descriptor events_;  // the inotify instance
   Descriptor stop_;    // an eventfd, written to stop the thread
   std::vector<std::string> names_;
-  std::function<void()> changed_;
+  std::function<void(bool)> changed_;
   std::thread thread_;  // last: started when everything it reads is ready
 };
 
