@@ -108,6 +108,18 @@ Ack Load::Next(Client& client) {
   return ack;
 }
 
+void Recorder::Update(uvc::Path const& path, unsigned char kind) {
+  std::lock_guard<std::mutex> lock(lock_);
+  events_.emplace_back(reliability::Text(path), kind);
+  arrived_.notify_all();
+}
+
+std::vector<Recorder::Event> Recorder::Next(std::size_t count) {
+  std::unique_lock<std::mutex> lock(lock_);
+  arrived_.wait_for(lock, std::chrono::minutes(1), [&] { return events_.size() >= count; });
+  return std::exchange(events_, {});
+}
+
 void Sync(Client& client) { client.deleter->DeleteSetting(reliability::P("sync/none")); }
 
 std::string Dump(Setting const& root) {

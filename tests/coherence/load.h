@@ -5,7 +5,9 @@
 // the check that the file's final state is one that those answers allow.
 // Free of GoogleTest: the writer program links it too.
 
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
@@ -43,6 +45,20 @@ class Load {
   std::string tag_;
   std::mt19937_64 random_;
   std::uint64_t count_ = 0;
+};
+
+// Records the events an observer is told, as path text and kind.
+class Recorder : public settings_manager::ISettingsUpdateObserver {
+ public:
+  using Event = std::pair<std::string, int>;
+  void Update(uvc::Path const& path, unsigned char kind) override;
+  // The events recorded since the last call, once there are `count` (at most a minute).
+  std::vector<Event> Next(std::size_t count);
+
+ private:
+  std::mutex lock_;
+  std::condition_variable arrived_;
+  std::vector<Event> events_;  // guarded by lock_
 };
 
 // Makes a manager take in what the others committed, the way every change does first:

@@ -5,10 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <cstdio>
 #include <filesystem>
-#include <mutex>
 #include <thread>
 
 #include "load.h"
@@ -22,32 +19,12 @@ namespace {
 
 namespace ev = settings_manager::event;
 using reliability::P;
-using Event = std::pair<std::string, int>;
+using Event = Recorder::Event;
 
 constexpr int kNotFound = static_cast<int>(0x8000004Cu);
 constexpr int kFound = static_cast<int>(0x8000004Du);
 constexpr int kProhibited = static_cast<int>(0x80000066u);
 constexpr int kInvalidResult = static_cast<int>(0x80000071u);
-
-// Records every event; Next waits for one more.
-class Observer : public settings_manager::ISettingsUpdateObserver {
- public:
-  void Update(uvc::Path const& path, unsigned char kind) override {
-    std::lock_guard<std::mutex> lock(lock_);
-    events_.emplace_back(reliability::Text(path), kind);
-    arrived_.notify_all();
-  }
-  std::vector<Event> Next(std::size_t count) {
-    std::unique_lock<std::mutex> lock(lock_);
-    arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return events_.size() >= count; });
-    return std::exchange(events_, {});
-  }
-
- private:
-  std::mutex lock_;
-  std::condition_variable arrived_;
-  std::vector<Event> events_;  // guarded by lock_
-};
 
 std::string FileDump(std::string const& db) {
   Setting root;
@@ -153,7 +130,7 @@ TEST_F(TwoManagers, ReadsSeeTheOtherManagersChanges) {
 // A subscriber hears the other manager's changes, with nobody reading, as the kinds a
 // local change of the same effect gives; a new subtree is announced at its top node.
 TEST_F(TwoManagers, ObserversHearTheOtherManagersChanges) {
-  auto const observer = std::make_shared<Observer>();
+  auto const observer = std::make_shared<Recorder>();
   settings_manager::SubscriptionId id{};
   ASSERT_EQ(a.subscriber->Subscribe(uvc::Path{}, observer, id), 0);
   struct Step {

@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
-
 #include "load.h"
 #include "reliability_util.h"
 #include "support/child_process.h"
@@ -40,7 +37,7 @@ class Processes : public ::testing::Test {
       tree += line.substr(5) + "\n";
     return tree;
   }
-  Setting FileTree() {
+  Setting FileTree() const {
     Setting root;
     std::string error;
     EXPECT_TRUE(reliability::LoadFile(db, root, error)) << error;
@@ -75,28 +72,7 @@ TEST_F(Processes, WritersRacingOnOverlappingSettingsLoseNothing) {
 
 // Nobody reads here: the watcher takes the other process's changes in for the subscriber.
 TEST_F(Processes, SubscriberHearsAnotherProcessesChangesInOrder) {
-  class Observer : public settings_manager::ISettingsUpdateObserver {
-   public:
-    void Update(uvc::Path const& path, unsigned char kind) override {
-      std::lock_guard<std::mutex> lock(lock_);
-      events.emplace_back(reliability::Text(path), kind);
-      arrived_.notify_all();
-    }
-    std::pair<std::string, int> Next() {
-      std::unique_lock<std::mutex> lock(lock_);
-      arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return !events.empty(); });
-      if (events.empty()) return {"(none)", 0};
-      auto event = events.front();
-      events.erase(events.begin());
-      return event;
-    }
-
-   private:
-    std::mutex lock_;
-    std::condition_variable arrived_;
-    std::vector<std::pair<std::string, int>> events;  // guarded by lock_
-  };
-  auto const observer = std::make_shared<Observer>();
+  auto const observer = std::make_shared<Recorder>();
   settings_manager::SubscriptionId id{};
   ASSERT_EQ(self.subscriber->Subscribe(P("s"), observer, id), 0);
   auto writer = Writer("e");
@@ -114,7 +90,7 @@ TEST_F(Processes, SubscriberHearsAnotherProcessesChangesInOrder) {
     SCOPED_TRACE(step.command);
     writer->Send(step.command);
     ASSERT_EQ(writer->Line(), "rc 0");
-    EXPECT_EQ(observer->Next(), std::make_pair(std::string(step.path), step.kind));
+    EXPECT_EQ(observer->Next(1), (std::vector<Recorder::Event>{{step.path, step.kind}}));
   }
   ASSERT_EQ(self.subscriber->Unsubscribe(id), 0);
 }
