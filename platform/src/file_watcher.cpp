@@ -33,7 +33,7 @@ FileWatcher::Descriptor::~Descriptor() {
 }
 
 FileWatcher::FileWatcher(std::string const& folder, std::vector<std::string> names,
-                         std::function<void(bool)> changed)
+                         std::function<bool(bool)> changed)
     : events_(Checked(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC), "inotify_init1")),
       stop_(Checked(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "eventfd")),
       names_(std::move(names)),
@@ -51,20 +51,21 @@ FileWatcher::~FileWatcher() {
 
 void FileWatcher::Run() noexcept {
   pollfd waits[2] = {{events_.Get(), POLLIN, 0}, {stop_.Get(), POLLIN, 0}};
+  bool again = false;  // the listener asked to be called again
   for (;;) {
-    if (::poll(waits, 2, -1) < 0) {
+    int const ready = ::poll(waits, 2, again ? kRetryMs : -1);
+    if (ready < 0) {
       if (errno == EINTR) continue;
       return;
     }
     if (waits[1].revents != 0) return;
-    if (waits[0].revents == 0) continue;
-    auto const batch = Drain();
-    if (batch.changed) {
-      try {
-        changed_(batch.replaced);
-      } catch (...) {
-        // The watcher outlives a failing listener; the next change calls it again.
-      }
+    Batch batch;
+    if (ready > 0 && waits[0].revents != 0) batch = Drain();
+    if (!batch.changed && !again) continue;
+    try {
+      again = changed_(batch.replaced);
+    } catch (...) {
+      again = false;  // the watcher outlives a failing listener; the next change calls it
     }
   }
 }

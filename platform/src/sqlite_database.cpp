@@ -75,7 +75,7 @@ int DeletesJournal(sqlite3* db, bool& deletes) noexcept {
 int Configure(sqlite3* db) noexcept {
   // Waits for another connection's lock (also during the pragmas below) instead of
   // failing at once with SQLITE_BUSY.
-  sqlite3_busy_timeout(db, 5000);
+  sqlite3_busy_timeout(db, kBusyTimeoutMs);
   // WAL: a commit costs one fsync of the log, not of the database and a rollback journal.
   // Only a new file is switched: an existing one keeps its mode, so that opening never
   // rewrites a file that may yet be refused. A ":memory:" database cannot use WAL; we

@@ -102,19 +102,23 @@ class SettingsDB {
   // reaches back to `seen`, or the file's generation is below `seen`.
   std::optional<std::vector<std::string>> ChangedSince(std::uint64_t seen) const;
 
-  // A read of the current state, for a refresh: when the file can be written it holds
-  // the write lock, so that a change still being committed by another process (its
-  // writes already seen by a watcher) is waited for. Rolled back at scope end.
+  // A read of the current state, for a refresh. It takes the write lock if it is free,
+  // without waiting: holding it, no change of another process can be half committed
+  // (its writes already seen by a watcher, its commit not yet visible). Rolled back at
+  // scope end.
   class Snapshot {
    public:
     explicit Snapshot(SettingsDB const& db);
     ~Snapshot();
     Snapshot(Snapshot const&) = delete;
     Snapshot& operator=(Snapshot const&) = delete;
+    // False when another connection was writing: what it commits is not read here.
+    bool Complete() const noexcept { return complete_; }
 
    private:
     SettingsDB const& db_;
     bool open_ = false;
+    bool complete_ = true;
   };
 
   // Throws "[SMDB] Database file replaced or deleted since it was opened: '{path}'" when

@@ -49,10 +49,17 @@ void SettingsDB::Transaction::Commit(std::string const& path, std::uint64_t gene
 }
 
 SettingsDB::Snapshot::Snapshot(SettingsDB const& db) : db_(db) {
+  sqlite3* const handle = db.db_->Handle();
   // A reader of a read-only file cannot take the write lock; it sees what is committed.
-  if (sqlite3_db_readonly(db.db_->Handle(), "main") == 1) return;
+  if (sqlite3_db_readonly(handle, "main") == 1) return;
+  // Not waiting: a writer may hold the lock long (a whole table rewritten), and a read
+  // must not wait for it. The reads then see what is committed.
+  sqlite3_busy_timeout(handle, 0);
   open_ = db.db_->Begin().Statement() != nullptr;
-  Check(open_, "Refresh: begin transaction");
+  int const code = sqlite3_errcode(handle);
+  sqlite3_busy_timeout(handle, sqlite::kBusyTimeoutMs);
+  complete_ = open_;
+  Check(open_ || code == SQLITE_BUSY, "Refresh: begin transaction");
 }
 
 SettingsDB::Snapshot::~Snapshot() {

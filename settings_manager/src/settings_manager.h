@@ -139,8 +139,8 @@ class SettingsManager final : public ISettingsManager,
   }
   void Refresh_(bool onlyIfStale) noexcept;
   // The watcher's call: the file or its log was written (`replaced`: the file's name was
-  // made, removed or renamed).
-  void FileChanged(bool replaced) noexcept;
+  // made, removed or renamed). True: call again soon, the tree is still stale.
+  bool FileChanged(bool replaced) noexcept;
   // Under treeLock held exclusively, with the file read inside a transaction: takes in
   // the changes recorded after seenGeneration, subtree by subtree, or by a whole reload
   // when the log cannot tell (or names the root). Queues their events.

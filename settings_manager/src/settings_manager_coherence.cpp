@@ -43,7 +43,7 @@ void SettingsManager::StartWatcher(std::string const& dbPath) {
     // A commit writes the log (WAL) or the file and its journal (rollback journal).
     watcher = std::make_unique<tern::rtl::FileWatcher>(
         folder, std::vector<std::string>{name, name + "-wal", name + "-journal"},
-        [this](bool replaced) { FileChanged(replaced); });
+        [this](bool replaced) { return FileChanged(replaced); });
     watching = true;
   } catch (std::exception const&) {
     // Without a watcher every read and change looks at the file: slower, never stale.
@@ -55,11 +55,14 @@ void SettingsManager::StartWatcher(std::string const& dbPath) {
   }
 }
 
-void SettingsManager::FileChanged(bool replaced) noexcept {
+bool SettingsManager::FileChanged(bool replaced) noexcept {
   if (replaced) renamed = true;
   stale = true;
-  // Observers hear other processes' changes without anyone reading.
-  if (eventsEnabled) Refresh_(true);
+  if (!eventsEnabled) return false;
+  // Observers hear other processes' changes without anyone reading. A change still
+  // being committed elsewhere is taken in by the next try.
+  Refresh_(true);
+  return stale;
 }
 
 void SettingsManager::Refresh() noexcept { Refresh_(false); }
@@ -70,11 +73,11 @@ void SettingsManager::Refresh_(bool onlyIfStale) noexcept {
     EventThread notify(*this);
     std::unique_lock<std::shared_mutex> lock(treeLock);
     if (onlyIfStale && !stale) return;  // brought up to date while this waited
-    // Cleared only while the file's write lock is held: a commit whose writes woke the
-    // watcher has then ended, and is taken in here.
+    // Cleared only when the file's write lock was free: a commit whose writes woke the
+    // watcher has then ended, and is taken in here. Otherwise the next read tries again.
     settings_db::SettingsDB::Snapshot const snapshot(*db);
     CatchUp_(notify);
-    if (watching) stale = false;
+    if (watching && snapshot.Complete()) stale = false;
   } catch (...) {
     auto const result = uvc::ProcessException();
     SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "Refresh", "{} Refresh: {}", id, result);

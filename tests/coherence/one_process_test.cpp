@@ -127,6 +127,22 @@ TEST_F(TwoManagers, ReadsSeeTheOtherManagersChanges) {
   EXPECT_TRUE(seen("2", true));
 }
 
+// While another connection holds the file's write lock (a long transaction may hold it
+// for seconds), a read still takes in what is committed, without waiting for the lock.
+TEST_F(TwoManagers, ReadsTakeInWhatIsCommittedWhileAWriterHoldsTheLock) {
+  ASSERT_EQ(Change(a, 'c', "s/x", "1"), 0);
+  ASSERT_EQ(Change(b, 'v', "s/x", "2"), 0);
+  test_support::SqliteFile writer(db);
+  writer.Exec("BEGIN IMMEDIATE;");
+  Setting x;
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < deadline && a.getter->GetSetting(P("s/x"), x) == 0 &&
+         x != Setting(std::string("2")))
+    std::this_thread::yield();
+  EXPECT_EQ(x, Setting(std::string("2")));
+  writer.Exec("ROLLBACK;");
+}
+
 // A subscriber hears the other manager's changes, with nobody reading, as the kinds a
 // local change of the same effect gives; a new subtree is announced at its top node.
 TEST_F(TwoManagers, ObserversHearTheOtherManagersChanges) {

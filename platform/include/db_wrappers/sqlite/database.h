@@ -42,6 +42,9 @@ constexpr int kFacility = 0x2111;
 constexpr int kRowReady = fdn::MakeCode(0x21110001u);  // Next(): a row is ready
 constexpr int kDone = 0;                               // Next(): the statement is done
 
+// How long a connection waits for another connection's lock before it gives up.
+constexpr int kBusyTimeoutMs = 5000;
+
 constexpr int MakeError(int sqliteCode) noexcept {
   return fdn::MakeCode(0xA1110000u | (static_cast<std::uint32_t>(sqliteCode) & 0xFFFFu));
 }

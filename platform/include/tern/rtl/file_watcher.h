@@ -11,14 +11,17 @@ namespace tern::rtl {
 // called after each batch of kernel events that wrote, made, removed or renamed one of
 // the named files, and after the kernel dropped events (anything may have changed then).
 // Its argument is true when the first name itself was made, removed or renamed (or
-// events were dropped). Calls never overlap. Linux inotify; the folder itself is watched, so a file
-// made or replaced after the start is seen too.
+// events were dropped). When it returns true it is called again (with false) after
+// kRetryMs, events or not, until it returns false. Calls never overlap. Linux inotify; the folder
+// itself is watched, so a file made or replaced after the start is seen too.
 class FileWatcher {
  public:
+  static constexpr int kRetryMs = 2;
+
   // Starts watching `names` in `folder`. Throws std::system_error when the kernel refuses
   // (no inotify instance left, no such folder) or the thread cannot start.
   FileWatcher(std::string const& folder, std::vector<std::string> names,
-              std::function<void(bool replaced)> changed);
+              std::function<bool(bool replaced)> changed);
   // Stops: a call of `changed` in progress ends first, and none follows.
   ~FileWatcher();
   FileWatcher(FileWatcher const&) = delete;
@@ -49,7 +52,7 @@ class FileWatcher {
   Descriptor events_;  // the inotify instance
   Descriptor stop_;    // an eventfd, written to stop the thread
   std::vector<std::string> names_;
-  std::function<void(bool)> changed_;
+  std::function<bool(bool)> changed_;
   std::thread thread_;  // last: started when everything it reads is ready
 };
 
