@@ -18,6 +18,9 @@ namespace {
 constexpr std::uint32_t kWatched =
     IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
 
+constexpr long kFirstRetryNs = 100'000;
+constexpr long kLastRetryNs = 10'000'000;
+
 // A name made, removed or renamed.
 constexpr std::uint32_t kEntry = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
 
@@ -52,8 +55,9 @@ FileWatcher::~FileWatcher() {
 void FileWatcher::Run() noexcept {
   pollfd waits[2] = {{events_.Get(), POLLIN, 0}, {stop_.Get(), POLLIN, 0}};
   bool again = false;  // the listener asked to be called again
+  timespec retry{0, kFirstRetryNs};
   for (;;) {
-    int const ready = ::poll(waits, 2, again ? kRetryMs : -1);
+    int const ready = ::ppoll(waits, 2, again ? &retry : nullptr, nullptr);
     if (ready < 0) {
       if (errno == EINTR) continue;
       return;
@@ -62,6 +66,8 @@ void FileWatcher::Run() noexcept {
     Batch batch;
     if (ready > 0 && waits[0].revents != 0) batch = Drain();
     if (!batch.changed && !again) continue;
+    // Soon at first (what it waits for is usually one fsync), then less and less often.
+    retry.tv_nsec = again ? std::min(retry.tv_nsec * 2, kLastRetryNs) : kFirstRetryNs;
     try {
       again = changed_(batch.replaced);
     } catch (...) {

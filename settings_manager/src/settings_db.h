@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -102,13 +103,13 @@ class SettingsDB {
   // reaches back to `seen`, or the file's generation is below `seen`.
   std::optional<std::vector<std::string>> ChangedSince(std::uint64_t seen) const;
 
-  // A read of the current state, for a refresh. It takes the write lock if it is free,
-  // without waiting: holding it, no change of another process can be half committed
-  // (its writes already seen by a watcher, its commit not yet visible). Rolled back at
-  // scope end.
+  // A read of the current state, for a refresh. It takes the write lock if it comes
+  // free within `patience`: holding it, no change of another process can be half
+  // committed (its writes already seen by a watcher, its commit not yet visible). Rolled
+  // back at scope end.
   class Snapshot {
    public:
-    explicit Snapshot(SettingsDB const& db);
+    Snapshot(SettingsDB const& db, std::chrono::microseconds patience);
     ~Snapshot();
     Snapshot(Snapshot const&) = delete;
     Snapshot& operator=(Snapshot const&) = delete;

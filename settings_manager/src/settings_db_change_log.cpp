@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include <thread>
+
 #include "settings_db.h"
 #include "settings_db_exec.h"
 
@@ -19,6 +21,15 @@ namespace {
 // that missed more reloads everything.
 constexpr std::uint64_t kKeptChanges = 1024;
 constexpr std::uint64_t kPruneEvery = 256;
+
+// A busy handler that retries in short steps until the deadline it is given.
+int RetryUntil(void* deadline, int) {
+  if (std::chrono::steady_clock::now() >=
+      *static_cast<std::chrono::steady_clock::time_point*>(deadline))
+    return 0;
+  std::this_thread::sleep_for(std::chrono::microseconds(50));
+  return 1;
+}
 
 bool StartsWith(std::string const& text, std::string const& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
@@ -48,13 +59,14 @@ void SettingsDB::Transaction::Commit(std::string const& path, std::uint64_t gene
   open_ = false;
 }
 
-SettingsDB::Snapshot::Snapshot(SettingsDB const& db) : db_(db) {
+SettingsDB::Snapshot::Snapshot(SettingsDB const& db, std::chrono::microseconds patience) : db_(db) {
   sqlite3* const handle = db.db_->Handle();
   // A reader of a read-only file cannot take the write lock; it sees what is committed.
   if (sqlite3_db_readonly(handle, "main") == 1) return;
-  // Not waiting: a writer may hold the lock long (a whole table rewritten), and a read
-  // must not wait for it. The reads then see what is committed.
-  sqlite3_busy_timeout(handle, 0);
+  // Not the connection's long wait: a writer may hold the lock long (a whole table
+  // rewritten). Without the lock the reads see what is committed.
+  auto deadline = std::chrono::steady_clock::now() + patience;
+  sqlite3_busy_handler(handle, &RetryUntil, &deadline);
   open_ = db.db_->Begin().Statement() != nullptr;
   int const code = sqlite3_errcode(handle);
   sqlite3_busy_timeout(handle, sqlite::kBusyTimeoutMs);

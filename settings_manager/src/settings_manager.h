@@ -135,9 +135,11 @@ class SettingsManager final : public ISettingsManager,
   // Refreshes when the watcher found the file changed since the tree was last brought up
   // to date. Costs one load of an atomic when nothing changed.
   void RefreshIfStale() const noexcept {
-    if (stale.load(std::memory_order_relaxed)) const_cast<SettingsManager*>(this)->Refresh_(true);
+    if (stale.load(std::memory_order_relaxed))
+      const_cast<SettingsManager*>(this)->Refresh_(true, std::chrono::microseconds(0));
   }
-  void Refresh_(bool onlyIfStale) noexcept;
+  // `patience`: how long to wait for another connection's write to end.
+  void Refresh_(bool onlyIfStale, std::chrono::microseconds patience) noexcept;
   // The watcher's call: the file or its log was written (`replaced`: the file's name was
   // made, removed or renamed). True: call again soon, the tree is still stale.
   bool FileChanged(bool replaced) noexcept;

@@ -59,15 +59,16 @@ bool SettingsManager::FileChanged(bool replaced) noexcept {
   if (replaced) renamed = true;
   stale = true;
   if (!eventsEnabled) return false;
-  // Observers hear other processes' changes without anyone reading. A change still
-  // being committed elsewhere is taken in by the next try.
-  Refresh_(true);
+  // Observers hear other processes' changes without anyone reading. A change being
+  // committed elsewhere usually ends within one fsync; a longer one is taken in by a
+  // later try, so that readers are held up for no longer than this.
+  Refresh_(true, std::chrono::milliseconds(5));
   return stale;
 }
 
-void SettingsManager::Refresh() noexcept { Refresh_(false); }
+void SettingsManager::Refresh() noexcept { Refresh_(false, std::chrono::microseconds(0)); }
 
-void SettingsManager::Refresh_(bool onlyIfStale) noexcept {
+void SettingsManager::Refresh_(bool onlyIfStale, std::chrono::microseconds patience) noexcept {
   if (!db) return;
   try {
     EventThread notify(*this);
@@ -75,7 +76,7 @@ void SettingsManager::Refresh_(bool onlyIfStale) noexcept {
     if (onlyIfStale && !stale) return;  // brought up to date while this waited
     // Cleared only when the file's write lock was free: a commit whose writes woke the
     // watcher has then ended, and is taken in here. Otherwise the next read tries again.
-    settings_db::SettingsDB::Snapshot const snapshot(*db);
+    settings_db::SettingsDB::Snapshot const snapshot(*db, patience);
     CatchUp_(notify);
     if (watching && snapshot.Complete()) stale = false;
   } catch (...) {

@@ -11,13 +11,12 @@ namespace tern::rtl {
 // called after each batch of kernel events that wrote, made, removed or renamed one of
 // the named files, and after the kernel dropped events (anything may have changed then).
 // Its argument is true when the first name itself was made, removed or renamed (or
-// events were dropped). When it returns true it is called again (with false) after
-// kRetryMs, events or not, until it returns false. Calls never overlap. Linux inotify; the folder
+// events were dropped). When it returns true it is called again (with false), events or
+// not, after 100 us, then after twice as long each time up to 10 ms, until it returns
+// false. Calls never overlap. Linux inotify; the folder
 // itself is watched, so a file made or replaced after the start is seen too.
 class FileWatcher {
  public:
-  static constexpr int kRetryMs = 2;
-
   // Starts watching `names` in `folder`. Throws std::system_error when the kernel refuses
   // (no inotify instance left, no such folder) or the thread cannot start.
   FileWatcher(std::string const& folder, std::vector<std::string> names,
