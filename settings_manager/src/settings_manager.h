@@ -143,9 +143,9 @@ class SettingsManager final : public ISettingsManager,
   // The watcher's call: the file or its log was written (`replaced`: the file's name was
   // made, removed or renamed). True: call again soon, the tree is still stale.
   bool FileChanged(bool replaced) noexcept;
-  // Under treeLock held exclusively, with the file read inside a transaction: takes in
-  // the changes recorded after seenGeneration, subtree by subtree, or by a whole reload
-  // when the log cannot tell (or names the root). Queues their events.
+  // Under treeLock held exclusively: takes in the changes recorded after seenGeneration,
+  // subtree by subtree, or by a whole reload when the log cannot tell (or names the
+  // root), and queues their events. Failures throw; what was taken in stays.
   void CatchUp_(EventThread& guard);
   void ReloadAll_(EventThread& guard);
   // False when the tree has no place for the subtree (it took in nothing).
