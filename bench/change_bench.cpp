@@ -276,7 +276,9 @@ void SetAttributeFloor(State& state) {
 }
 
 void FloorDeleteCreated(ChangeFixture& f) {
+  std::string const end = stmt::SubtreeEnd(f.createdText);
   f.floorDelete.BindText(1, f.createdText);
+  f.floorDelete.BindText(2, end);
   f.floorDelete.Step();
   f.floorDelete.Reset();
 }

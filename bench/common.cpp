@@ -218,7 +218,9 @@ void RawChange::Run(Rows const& rows) {
   begin_.Step();
   begin_.Reset();
   try {
+    std::string const end = stmt::SubtreeEnd(rows.front().path);
     remove_.BindText(1, rows.front().path);
+    remove_.BindText(2, end);
     remove_.Step();
     remove_.Reset();
     for (auto const& row : rows) {
@@ -285,9 +287,7 @@ std::uint64_t Word(unsigned char const* bytes) {
 
 FloorNode FloorLoad(std::string const& file) {
   RawDatabase db(file);
-  auto select = db.Prepare(stmt::kSelectSubtree);
-  std::string const all;
-  select.BindText(1, all);
+  auto select = db.Prepare(stmt::kSelectAll);
   FloorNode root;
   std::vector<FloorNode*> parents;  // the last node placed at each depth
   while (select.Step() == SQLITE_ROW) {

@@ -57,6 +57,7 @@ run read "$repetitions"
 run startup "$repetitions"
 run notify "$repetitions"
 run like "$repetitions"
+run coherence 3
 
 # A benchmark that failed is listed in the table and fails the script, after the plot.
 status=0

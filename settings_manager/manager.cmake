@@ -8,6 +8,7 @@ add_library(sm_manager STATIC
   src/stored_tree.cpp
   src/tree_diff.cpp
   src/failure.cpp
+  src/settings_manager_coherence.cpp
 )
 target_link_libraries(sm_manager PUBLIC sm_db Threads::Threads PRIVATE sm_warnings)
 

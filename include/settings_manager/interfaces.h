@@ -154,7 +154,9 @@ class SETTINGS_MANAGER_API ISettingsManager {
 
 /// Makes a manager: opens or creates the database of `config` and loads its whole tree.
 /// Returns 0 with `out` set, or the failure's code with `out` unchanged (a level-5 log
-/// record says why).
+/// record says why). Any number of managers, in this process or in others, may share one
+/// file: each change is decided against the file as it is, and each manager's reads and
+/// observers take in the changes of the others (not edits made without the library).
 SETTINGS_MANAGER_API int CreateSettingsManager(SettingsManagerConfig const& config,
                                                std::shared_ptr<ISettingsManager>& out);
 

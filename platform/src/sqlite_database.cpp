@@ -29,7 +29,7 @@ class SqliteDatabase final : public IDatabase {
   Query Commit() override {
     failure::Clear();
     if (int rc = reserve_.Reserve(); rc != SQLITE_OK) {
-      failure::Record(sqlite3_errstr(rc));
+      failure::Record(sqlite3_errstr(rc), rc);
       return Query(handle_);
     }
     Query committed = Run("COMMIT");
@@ -39,15 +39,24 @@ class SqliteDatabase final : public IDatabase {
       space::ReclaimLog(handle_);
     return committed;
   }
-  Query Rollback() override { return Run("ROLLBACK"); }
+  // The reason of the failure that led to it stays the one remembered.
+  Query Rollback() override {
+    failure::Kept const kept;
+    return Run("ROLLBACK", false);
+  }
+
+  bool ReclaimRoom() noexcept override {
+    return space::IsFull(failure::LastCode()) && sqlite3_get_autocommit(handle_) != 0 &&
+           space::ReclaimLog(handle_);
+  }
 
   std::string LastError() const override { return sqlite3_errmsg(handle_); }
   sqlite3* Handle() const noexcept override { return handle_; }
 
  private:
   // A failed statement comes back as an empty Query: Statement() is null.
-  Query Run(char const* sql) {
-    failure::Clear();
+  Query Run(char const* sql, bool newStep = true) {
+    if (newStep) failure::Clear();
     Query query(handle_);
     if (fdn::Failed(query.Prepare(sql)) || fdn::Failed(query.Next())) return Query(handle_);
     return query;
@@ -58,9 +67,6 @@ class SqliteDatabase final : public IDatabase {
 };
 
 namespace {
-
-// How long a connection waits for another connection's lock before SQLITE_BUSY.
-constexpr int kBusyTimeoutMs = 5000;
 
 int Exec(sqlite3* db, char const* sql) noexcept {
   return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);

@@ -11,12 +11,14 @@ namespace db_wrappers::sqlite {
 namespace {
 
 thread_local std::string reason;  // empty: no failure since the last Clear
+thread_local int code = 0;        // the extended code that reason stands for
 
 }  // namespace
 
 namespace failure {
 
 void Record(sqlite3* db, int rc) noexcept {
+  code = rc;
   try {
     reason = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
     switch (rc & 0xFF) {
@@ -45,9 +47,24 @@ void Record(sqlite3* db, int rc) noexcept {
   }
 }
 
-void Record(std::string text) noexcept { reason.swap(text); }
+void Record(std::string text, int rc) noexcept {
+  reason.swap(text);
+  code = rc;
+}
 
-void Clear() noexcept { reason.clear(); }
+void Clear() noexcept {
+  reason.clear();
+  code = 0;
+}
+
+int LastCode() noexcept { return code; }
+
+Kept::Kept() noexcept : reason_(std::move(reason)), code_(code) { reason.clear(); }
+
+Kept::~Kept() {
+  reason.swap(reason_);
+  code = code_;
+}
 
 }  // namespace failure
 

@@ -1,5 +1,7 @@
 #include "settings_db.h"
 
+#include <sys/stat.h>
+
 #include <stdexcept>
 
 #include "db_wrappers/sqlite/backup.h"
@@ -7,7 +9,7 @@
 #include "log.h"
 #include "settings_db_check.h"
 #include "settings_db_encoding.h"
-#include "settings_db_statements.h"
+#include "settings_db_exec.h"
 
 namespace settings_db {
 
@@ -20,7 +22,8 @@ using settings_manager::log::LogLevel;
 
 SettingsDB::SettingsDB(std::string const& path, Access access)
     : text_(std::in_place_index<sqlite::alt::kText>),
-      blob_(std::in_place_index<sqlite::alt::kBlob>) {
+      blob_(std::in_place_index<sqlite::alt::kBlob>),
+      path_(path) {
   if (path.empty()) throw std::runtime_error("[SMDB] Empty DB path");
   auto const wrapper = std::make_unique<sqlite::Wrapper>();
   if (access == Access::kReadOnly) {
@@ -33,6 +36,12 @@ SettingsDB::SettingsDB(std::string const& path, Access access)
   int const opened = wrapper->Open(path, db_);
   Check(opened >= 0, "Could not create settings database", opened);
   VerifyEncoding(db_);
+  // Remembered so that a change never goes to a file that no longer has this path.
+  struct stat file {};
+  if (::stat(path.c_str(), &file) == 0) {
+    device_ = file.st_dev;
+    inode_ = file.st_ino;
+  }
   if (!VerifySchema()) {
     CreateSchema();
     Check(VerifySchema(), "Schema: Verify fails after Create");
@@ -44,8 +53,8 @@ SettingsDB::~SettingsDB() = default;
 bool SettingsDB::EmptySelect(int code) noexcept { return code != sqlite::kRowReady; }
 
 bool SettingsDB::TableExists(char const* name) const {
-  Query query(db_);
-  return !EmptySelect(Exec(query, stmt::kTableExists, std::string(name)));
+  Using reset(tableExists_.query);
+  return !EmptySelect(Exec(tableExists_, std::string(name)));
 }
 
 bool SettingsDB::VerifySchema() const {
@@ -85,9 +94,11 @@ void SettingsDB::CreateSchema() const {
 }
 
 SettingsDB::RawItems SettingsDB::Get(std::string const& path) const {
-  Query query(db_);
-  int step = Exec(query, stmt::kSelectSubtree, path);
+  Statement& select = path.empty() ? selectAll_ : selectSubtree_;
+  Using reset(select.query);
+  int step = path.empty() ? Exec(select) : Exec(select, path, stmt::SubtreeEnd(path));
   if (EmptySelect(step)) return {};
+  Query const& query = select.query;
   // Sorted by text, the node's own row comes before every longer text that it prefixes.
   Check(std::get<sqlite::alt::kText>(query.Value(0, sqlite::alt::kText)) == path,
         "Get: wrong head node");
@@ -96,7 +107,7 @@ SettingsDB::RawItems SettingsDB::Get(std::string const& path) const {
     items.emplace_back(std::get<sqlite::alt::kBlob>(query.Value(2, sqlite::alt::kBlob)),
                        std::get<sqlite::alt::kBlob>(query.Value(1, sqlite::alt::kBlob)),
                        std::get<sqlite::alt::kText>(query.Value(0, sqlite::alt::kText)));
-    step = query.Next();
+    step = select.query.Next();
     if (step == sqlite::kRowReady) continue;
     Check(step == sqlite::kDone, "Get: incomplete node read", step);
     return items;
@@ -108,25 +119,29 @@ int SettingsDB::Set(RawItems const& items) const {
   // Any failure below rolls back the delete too: the subtree is replaced whole or not.
   db_wrappers::TransactionMonitor<sqlite::IDatabase> transaction(db_);
   Check(transaction.Begin(), "Set: begin transaction");
+  int const removed = Replace(items);
+  Check(transaction.Commit(), "Set: commit");
+  return removed;
+}
 
-  Query remove(db_);
-  Exec(remove, stmt::kDeleteSubtree, items.front().path);
-  int const removed = remove.GetChangesCount();
+int SettingsDB::Replace(RawItems const& items) const {
+  Check(!items.empty(), "Set: empty raw setting");
+  int const removed = Del(items.front().path);
 
-  Query insert(db_);
-  int code = insert.Prepare(stmt::kInsertRow);
-  Check(code >= 0, "Set: prepare", code, stmt::kInsertRow, *db_);
+  Statement& insert = insertRow_;
+  Using reset(insert.query);
+  int code = Prepare(insert);
+  Check(code >= 0, "Set: prepare", code, insert.sql, *db_);
   for (auto const& item : items) {
-    code = Bind(insert, item.path, item.value, item.attrib);
+    code = Bind(insert.query, item.path, item.value, item.attrib);
     Check(code >= 0, "Set: bind", code, *db_);
-    code = insert.Next();
+    code = insert.query.Next();
     Check(code >= 0, "Set: insert", code, *db_);
-    code = insert.Flush();
+    code = insert.query.Flush();
     Check(code >= 0, "Set: flush", code, *db_);
-    code = insert.ClearBindings();
+    code = insert.query.ClearBindings();
     Check(code >= 0, "Set: clear bind", code, *db_);
   }
-  Check(transaction.Commit(), "Set: commit");
   return removed;
 }
 
@@ -136,45 +151,25 @@ void SettingsDB::Backup(std::string const& destination) const {
 }
 
 int SettingsDB::Upd(std::string const& path, RawAttrib const& attrib) const {
-  Query query(db_);
-  Exec(query, stmt::kUpdateAttrib, attrib.attrib, path);
-  return query.GetChangesCount();
+  Using reset(updateAttrib_.query);
+  Exec(updateAttrib_, attrib.attrib, path);
+  return updateAttrib_.query.GetChangesCount();
 }
 
 int SettingsDB::Del(std::string const& path) const {
-  Query query(db_);
-  Exec(query, stmt::kDeleteSubtree, path);
-  return query.GetChangesCount();
-}
-
-template <typename... Args>
-int SettingsDB::Exec(Query& query, std::string_view sql, Args const&... args) const {
-  int code = query.Prepare(sql);
-  Check(code >= 0, "Exec.Prepare", code, sql, *db_);
-  code = Bind(query, args...);
-  Check(code >= 0, "Exec.Bind", code, sql, *db_);
-  code = query.Next();
-  Check(code >= 0, sql, code, *db_);
-  return code;
+  Statement& remove = path.empty() ? deleteAll_ : deleteSubtree_;
+  Using reset(remove.query);
+  if (path.empty())
+    Exec(remove);
+  else
+    Exec(remove, path, stmt::SubtreeEnd(path));
+  return remove.query.GetChangesCount();
 }
 
 SettingsDB::Query SettingsDB::Exec(std::string_view sql) const {
   Query query(db_);
   Exec(query, sql);
   return query;
-}
-
-template <typename... Args>
-int SettingsDB::Bind(Query& query, Args const&... args) const {
-  int failed = 0;
-  int position = 0;
-  // Every argument is bound, even after a failure; the last failure is reported.
-  [[maybe_unused]] auto bindOne = [&](auto const& arg) {
-    int const code = BindOne(query, ++position, arg);
-    if (code < 0) failed = code;
-  };
-  (bindOne(args), ...);
-  return failed;
 }
 
 int SettingsDB::BindOne(Query& query, int position, std::string const& text) const {
@@ -186,6 +181,10 @@ int SettingsDB::BindOne(Query& query, int position, Bytes const& blob) const {
   auto& holder = std::get<sqlite::alt::kBlob>(blob_);
   holder.assign(blob.begin(), blob.end());
   return query.Bind(position, blob_);
+}
+
+int SettingsDB::BindOne(Query& query, int position, std::int64_t number) const {
+  return query.Bind(position, sqlite::DbValue(number));
 }
 
 }  // namespace settings_db

@@ -1,20 +1,28 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "db_wrappers/sqlite/database.h"
 #include "raw_setting.h"
+#include "settings_db_statements.h"
 
 namespace settings_db {
 
 // The settings database file: table `data` holds one row per node (path text, value
-// record, attribute record), table `meta` the schema version "1".
+// record, attribute record), table `meta` the schema version "1", and, once a manager has
+// changed the file, table `changes` the log that keeps the managers sharing it coherent.
 //
 // Either fully built (file open, schema verified) or its constructor has thrown. Not
-// thread-safe: its bind holders change on every call, so one thread at a time.
+// thread-safe: its statements and bind holders are shared by every call, so one thread
+// at a time. Statements are prepared on first use and kept for the connection's life.
 // Failures throw uvc::Error with a "[SMDB] " message; nothing is logged here but the
 // schema progress.
 class SettingsDB {
@@ -34,9 +42,9 @@ class SettingsDB {
   SettingsDB& operator=(SettingsDB const&) = delete;
 
   // Path texts are those of the id rules: every identifier followed by the separator,
-  // the root empty. Get, Set (first record) and Del match them as raw byte prefixes, so a
-  // text without its final separator ("a/b") would also take the siblings that begin
-  // with it ("a/bc/").
+  // the root empty. Get, Set (first record) and Del take the rows whose text begins with
+  // the given one, bytewise, so a text without its final separator ("a/b") would also
+  // take the siblings that begin with it ("a/bc/").
 
   // The rows of the node at `path` and its descendants, in ascending byte order of path
   // text; empty when nothing is stored under `path`. Throws "Get: wrong head node" when
@@ -47,6 +55,10 @@ class SettingsDB {
   // Replaces, in one transaction, the stored subtree of the first record by `items`:
   // all rows replaced or none. Returns how many rows the old subtree had.
   int Set(RawItems const& items) const;
+
+  // Set's replacement inside a transaction the caller has begun (a Transaction): the
+  // same steps and messages, without its own begin and commit.
+  int Replace(RawItems const& items) const;
 
   // Sets the attribute record of the row whose path text is exactly `path`; returns the
   // number of rows changed (0 or 1).
@@ -63,19 +75,98 @@ class SettingsDB {
   // True unless `code` is the row-ready code: the query produced no row.
   static bool EmptySelect(int code) noexcept;
 
+  // ---- Several managers on one file ----
+  //
+  // Each change a manager makes runs in one Transaction, which also records the key of
+  // the subtree it changed in `changes`; the row's number is the file's new generation.
+  // A manager that finds the generation moved since it last looked re-reads what the
+  // log names. Edits made without a manager record nothing.
+
+  // The write transaction of one change. Begun IMMEDIATE, so writers of every process
+  // take turns; rolled back at scope end unless committed.
+  class Transaction {
+   public:
+    // Begins. Throws "[SMDB] {what}: begin transaction" when it cannot (a lock held past
+    // the busy timeout, a read-only file).
+    Transaction(SettingsDB const& db, std::string_view what);
+    ~Transaction();
+    Transaction(Transaction const&) = delete;
+    Transaction& operator=(Transaction const&) = delete;
+
+    // Records the change of the subtree at `path` as `generation` (the file's generation,
+    // read in this transaction, plus one) and commits. Throws "[SMDB] {what}: commit" when
+    // the commit fails (nothing is then stored).
+    void Commit(std::string const& path, std::uint64_t generation);
+
+   private:
+    SettingsDB const& db_;
+    std::string_view what_;
+    bool open_ = false;
+  };
+
+  // The file's generation: the number of the last change recorded; 0 before the first.
+  std::uint64_t Generation() const;
+
+  // The texts of the subtrees changed after generation `seen`, in ascending order and
+  // without those inside another of them. Nothing when the log cannot tell: it no longer
+  // reaches back to `seen`, or the file's generation is below `seen`.
+  std::optional<std::vector<std::string>> ChangedSince(std::uint64_t seen) const;
+
+  // A read of the current state, for a refresh. It takes the write lock if it comes
+  // free within `patience`: holding it, no change of another process can be half
+  // committed (its writes already seen by a watcher, its commit not yet visible). Rolled
+  // back at scope end.
+  class Snapshot {
+   public:
+    Snapshot(SettingsDB const& db, std::chrono::microseconds patience);
+    ~Snapshot();
+    Snapshot(Snapshot const&) = delete;
+    Snapshot& operator=(Snapshot const&) = delete;
+    // False when another connection was writing: what it commits is not read here.
+    bool Complete() const noexcept { return complete_; }
+
+   private:
+    SettingsDB const& db_;
+    bool open_ = false;
+    bool complete_ = true;
+  };
+
+  // Throws "[SMDB] Database file replaced or deleted since it was opened: '{path}'" when
+  // the path no longer names the file opened. One stat(2): callers ask when a watcher saw
+  // the file's name change.
+  void CheckSameFile() const;
+
+  // After a change the full disk refused (its transaction rolled back): gives the log's
+  // room back for one more try. False when the failure was something else.
+  bool ReclaimRoom() const noexcept { return db_->ReclaimRoom(); }
+
  private:
   using Query = db_wrappers::sqlite::Query;
 
+  // A statement prepared on first use and kept; reset after every use, so that no read
+  // stays open between calls.
+  struct Statement {
+    explicit Statement(std::string_view text) : sql(text) {}
+    std::string_view sql;
+    Query query{std::unique_ptr<db_wrappers::sqlite::IDatabase>()};  // unprepared
+  };
   bool VerifySchema() const;
   void CreateSchema() const;
   bool TableExists(char const* name) const;
+  bool ChangeLogExists() const;
+  void Record(std::string const& path, std::uint64_t generation) const;
+  std::uint64_t SingleNumber(Statement& statement) const;
 
-  // Prepares `sql` on `query`, binds the arguments from position 1 and takes the first
-  // step; returns the step's code (row ready or done).
+  // Prepares `statement` unless it is, binds the arguments from position 1 and takes the
+  // first step; returns the step's code (row ready or done).
+  template <typename... Args>
+  int Exec(Statement& statement, Args const&... args) const;
+  // Prepares `sql` on `query`, binds and steps it: the statements run once per file.
   template <typename... Args>
   int Exec(Query& query, std::string_view sql, Args const&... args) const;
   // Prepares and steps a statement without parameters on a Query of its own.
   Query Exec(std::string_view sql) const;
+  int Prepare(Statement& statement) const;
 
   // Binds every argument at positions 1, 2, 3 ... even after a failure; returns the code
   // of the last failed bind, or 0.
@@ -83,10 +174,29 @@ class SettingsDB {
   int Bind(Query& query, Args const&... args) const;
   int BindOne(Query& query, int position, std::string const& text) const;
   int BindOne(Query& query, int position, settings_manager::impl::Bytes const& blob) const;
+  int BindOne(Query& query, int position, std::int64_t number) const;
 
   mutable db_wrappers::sqlite::DbValue text_;  // reused to bind every text
   mutable db_wrappers::sqlite::DbValue blob_;  // reused to bind every blob
   std::unique_ptr<db_wrappers::sqlite::IDatabase> db_;
+  std::string path_;
+  dev_t device_ = 0;  // the file opened: a path that names another one is refused
+  ino_t inode_ = 0;
+  mutable bool changeLog_ = false;  // `changes` seen; a table is never dropped by us
+
+  // Declared after db_: finalized before the connection closes.
+  mutable Statement tableExists_{statements::kTableExists};
+  mutable Statement selectAll_{statements::kSelectAll};
+  mutable Statement selectSubtree_{statements::kSelectSubtree};
+  mutable Statement deleteAll_{statements::kDeleteAll};
+  mutable Statement deleteSubtree_{statements::kDeleteSubtree};
+  mutable Statement insertRow_{statements::kInsertRow};
+  mutable Statement updateAttrib_{statements::kUpdateAttrib};
+  mutable Statement lastGeneration_{statements::kLastGeneration};
+  mutable Statement firstGeneration_{statements::kFirstGeneration};
+  mutable Statement changedSince_{statements::kChangedSince};
+  mutable Statement insertChange_{statements::kInsertChange};
+  mutable Statement pruneChanges_{statements::kPruneChanges};
 };
 
 }  // namespace settings_db

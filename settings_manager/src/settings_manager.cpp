@@ -67,6 +67,26 @@ std::vector<impl::RawItem> SettingsManager::MakeRawSetting(uvc::aux::RefRange co
   return db ? SerializeOrThrow(path, setting) : std::vector<impl::RawItem>();
 }
 
+Setting SettingsManager::LoadTree(std::vector<impl::RawItem> const& rows, std::size_t& nodes) {
+  Setting root;
+  if (rows.empty()) {
+    root.emplace<uvc::index::kMap>();
+    nodes = 1;
+    return root;
+  }
+  uvc::Path head;
+  auto const result = Deserialize(rows, head, root);
+  if (result.first < 0) throw uvc::Error(result.first, result.second);
+  if (!head.empty())
+    throw uvc::Error(kInvalidHeadPath, fmt::format("Invalid db nodes head path: '{}'", head));
+  // The rest of the library relies on the root being a map of named children.
+  if (root.index() != uvc::index::kMap)
+    throw uvc::Error(kWrongHeadType, fmt::format("Wrong db nodes head type: index = {}",
+                                                 static_cast<std::uint64_t>(root.index())));
+  nodes = rows.size();
+  return root;
+}
+
 SettingsManager::SettingsManager(SettingsManagerConfig const& config)
     : id(MakeId(!config.dbPath.empty())) {
   SM_LOG(LogLevel::Info, kManagerSource, "SettingsManager", "{} Init: db path = '{}'...", id,
@@ -77,31 +97,27 @@ SettingsManager::SettingsManager(SettingsManagerConfig const& config)
   } else {
     SM_LOG(LogLevel::Info, kManagerSource, "SettingsManager", "{} Create db...", id);
     db = std::make_unique<settings_db::SettingsDB>(config.dbPath);
+    // Before reading: a change committed from now on marks the tree stale.
+    StartWatcher(config.dbPath);
 
     SM_LOG(LogLevel::Info, kManagerSource, "SettingsManager", "{} Read db...", id);
+    // Before the rows: a change committed in between is only taken in once more.
+    seenGeneration = db->Generation();
     auto const rows = db->Get(std::string());
     if (rows.empty()) {
       // A fresh database starts as an empty root map; nothing is written back for it.
       SM_LOG(LogLevel::Info, kManagerSource, "SettingsManager", "{} Empty db output", id);
-      tree.emplace<uvc::index::kMap>();
     } else {
       SM_LOG(LogLevel::Info, kManagerSource, "SettingsManager", "{} Deserialize db data...", id);
-      uvc::Path head;
-      auto const result = Deserialize(rows, head, tree);
-      if (result.first < 0) throw uvc::Error(result.first, result.second);
-      if (!head.empty())
-        throw uvc::Error(kInvalidHeadPath, fmt::format("Invalid db nodes head path: '{}'", head));
-      // The rest of the library relies on the root being a map of named children.
-      if (tree.index() != uvc::index::kMap)
-        throw uvc::Error(kWrongHeadType, fmt::format("Wrong db nodes head type: index = {}",
-                                                     static_cast<std::uint64_t>(tree.index())));
-      nodes = rows.size();
     }
+    tree = LoadTree(rows, nodes);
   }
   SM_LOG(LogLevel::Info, kManagerSource, "SettingsManager", "{} OK: {} node(s)", id, nodes);
 }
 
 SettingsManager::~SettingsManager() {
+  // First: its calls refresh the tree and may start the event thread.
+  watcher.reset();
   try {
     stopEvents.exchange(true);
     try {

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <shared_mutex>
 #include <string>
@@ -17,6 +18,8 @@
 #include "settings_db.h"
 #include "settings_manager/interfaces.h"
 #include "settings_manager/tree_access.h"
+#include "uvc/error.h"
+#include "tern/rtl/file_watcher.h"
 
 namespace settings_manager {
 
@@ -30,6 +33,12 @@ namespace settings_manager {
 //
 // The manager is always owned by a std::shared_ptr (the factory makes it so): the event
 // thread tells by its weak self-reference whether the last owner has let go.
+//
+// The tree is a cache of the file, which other managers (in this process or others) may
+// change too. A change is decided inside its own write transaction, after taking in what
+// the others committed since; a watcher of the file marks the tree stale, so that the
+// next read (or at once, while someone is subscribed) takes their changes in, and queues
+// the events of what they changed.
 class SettingsManager final : public ISettingsManager,
                               public ISettingsCreator,
                               public ISettingsGetter,
@@ -51,6 +60,24 @@ class SettingsManager final : public ISettingsManager,
    private:
     SettingsManager& manager_;
     bool scheduled_ = false;
+  };
+
+  // The file's side of one change, made while treeLock is held exclusively: begins the
+  // change's write transaction and brings the tree up to date with what other managers
+  // committed, so that the change is decided against the file as it is. Rolled back at
+  // scope end unless committed. Without a database it does nothing.
+  class StoreChange {
+   public:
+    // `what` names the store operation in messages ("Set", "Upd", "Del").
+    StoreChange(SettingsManager& manager, EventThread& guard, char const* what);
+    StoreChange(StoreChange const&) = delete;
+    StoreChange& operator=(StoreChange const&) = delete;
+    // Records the change of the subtree at `key` and commits.
+    void Commit(std::string const& key);
+
+   private:
+    SettingsManager& manager_;
+    std::optional<settings_db::SettingsDB::Transaction> transaction_;
   };
 
   // Loads the whole tree from the database of `config` (or starts with an empty root map
@@ -86,6 +113,10 @@ class SettingsManager final : public ISettingsManager,
   int GetTree(Setting& out) const;
   int EditTree(TreeEdit const& edit);
 
+  // Takes in at once what other managers committed to the file, queuing the events of
+  // what changed; failures are logged. Reads do it themselves when the tree is stale.
+  void Refresh() noexcept;
+
   // The log prefix "[SM] " + sign ('+' with a database) + four hex digits + blank.
   static std::string MakeId(bool withDatabase);
   // Throws 0x8000005E for a path deeper than kMaxDepth, and 0x80000046 "Invalid path"
@@ -110,6 +141,48 @@ class SettingsManager final : public ISettingsManager,
   // Converts the exception in flight, logs "{id} {function}({path}): {result}" at the
   // failure level and returns the code.
   int Failed(char const* function, int line, uvc::Path const& path) const noexcept;
+
+  // Runs `attempt` (one try of a change: lock, transaction, checks, write) and, when the
+  // full disk refused it, once more after the log's room is given back, so that a change
+  // that frees space gets through on a full disk. An attempt that fails leaves the tree
+  // as it found it, but for what it took in of other managers' changes.
+  template <typename Attempt>
+  int WithRoom(Attempt const& attempt) {
+    try {
+      return attempt();
+    } catch (uvc::Error const&) {
+      if (!db || !db->ReclaimRoom()) throw;
+    }
+    return attempt();
+  }
+
+  // The tree of the rows of a whole file, checked as start-up checks it; `nodes` gets
+  // the number of rows.
+  static Setting LoadTree(std::vector<impl::RawItem> const& rows, std::size_t& nodes);
+  // Refreshes when the watcher found the file changed since the tree was last brought up
+  // to date. Costs one load of an atomic when nothing changed.
+  void RefreshIfStale() const noexcept {
+    if (stale.load(std::memory_order_relaxed))
+      const_cast<SettingsManager*>(this)->Refresh_(true, std::chrono::microseconds(0));
+  }
+  // `patience`: how long to wait for another connection's write to end.
+  void Refresh_(bool onlyIfStale, std::chrono::microseconds patience) noexcept;
+  // The watcher's call: the file or its log was written (`replaced`: the file's name was
+  // made, removed or renamed). True: call again soon, the tree is still stale.
+  bool FileChanged(bool replaced) noexcept;
+  // Under treeLock held exclusively: takes in the changes recorded after seenGeneration,
+  // subtree by subtree, or by a whole reload when the log cannot tell (or names the
+  // root), and queues their events. Failures throw; what was taken in stays.
+  void CatchUp_(EventThread& guard);
+  void ReloadAll_(EventThread& guard);
+  // False when the tree has no place for the subtree (it took in nothing).
+  bool ReloadSubtree_(EventThread& guard, std::string const& key);
+  // Queues the events of what differs from `before` to `after` at `path` (null: the
+  // subtree is not there), while someone listens.
+  void PushDiff_(EventThread& guard, uvc::Path const& path, Setting const* before,
+                 Setting const* after);
+  // Watches the file so that a change of another manager marks the tree stale.
+  void StartWatcher(std::string const& dbPath);
 
   // Queues `kind` for `path` while someone listens; needs treeLock held exclusively.
   void PushEvent_(EventThread& guard, uvc::Path&& path, unsigned char kind) noexcept;
@@ -164,6 +237,20 @@ class SettingsManager final : public ISettingsManager,
   std::uint64_t finishedCallbacks = 0;
   // Waited on with subscribersLock: finishedCallbacks moved, or a waiter left.
   std::condition_variable callbackDone;
+
+  // Coherence with the other managers of the file.
+  std::uint64_t seenGeneration = 0;  // guarded by treeLock: the generation the tree holds
+  // Set by the watcher when the file may have changed; cleared by whoever then brings
+  // the tree up to date while holding the file's write lock, so that a commit still in
+  // flight when the watcher spoke is waited for. Stays set without a watcher: every read
+  // then looks at the file.
+  std::atomic<bool> stale{false};
+  // Set by the watcher when the file's name changed: from then on every change checks
+  // that the path still names the file opened.
+  std::atomic<bool> renamed{false};
+  bool watching = false;  // set once by the constructor: the watcher runs
+  // Last: stopped first, before anything its calls touch.
+  std::unique_ptr<tern::rtl::FileWatcher> watcher;
 };
 
 }  // namespace settings_manager

@@ -25,6 +25,7 @@ int SettingsManager::GetSetting(uvc::Path const& path, Setting& out) const {
   try {
     Check(path);
     Setting copy;
+    RefreshIfStale();
     {
       std::shared_lock<std::shared_mutex> lock(treeLock);
       copy = uvc::GetItem(tree, path);
@@ -41,6 +42,7 @@ int SettingsManager::GetAttribute(uvc::Path const& path, Attributes& out) const 
   try {
     Check(path);
     Attributes attributes;
+    RefreshIfStale();
     {
       std::shared_lock<std::shared_mutex> lock(treeLock);
       attributes = uvc::GetItem(tree, path).attributes;
@@ -57,11 +59,12 @@ int SettingsManager::CreateSetting(uvc::Path const& path, Setting const& value) 
     Check(path);
     if (value.valueless_by_exception()) throw kInvalidValue;
     CheckDepth(path, value);
-    uvc::Path target = path;
-    Setting created = value;
     EventThread notify(*this);
-    {
+    int const result = WithRoom([&] {
+      uvc::Path target = path;
+      Setting created = value;
       std::unique_lock<std::shared_mutex> lock(treeLock);
+      StoreChange change(*this, notify, "Set");
       Setting* parent = &tree;
       std::size_t existing = 0;
       for (; existing < target.size(); ++existing) {
@@ -82,11 +85,15 @@ int SettingsManager::CreateSetting(uvc::Path const& path, Setting const& value) 
         // when the database refuses. The deepest existing node's whole subtree is
         // rewritten, keeping the rows an exact image of it.
         AutoDel undo(*parent, target[existing]);
-        db->Set(MakeRawSetting(uvc::aux::MakeRefRange(0, existing, target), *parent));
+        auto const rows = MakeRawSetting(uvc::aux::MakeRefRange(0, existing, target), *parent);
+        db->Replace(rows);
+        change.Commit(rows.front().path);
         undo.Disarm();
       }
       PushEvent_(notify, std::move(target), event::kCreated);
-    }
+      return fdn::rc::kOk;
+    });
+    if (result != fdn::rc::kOk) return result;
   } catch (std::exception const&) {
     return Failed("CreateSetting", __LINE__, path);
   }
@@ -102,11 +109,11 @@ int SettingsManager::SetValue(uvc::Path const& path, uvc::TValue<Setting> const&
     // A value carries no attributes: the rows get cleared ones, the node keeps its own.
     Setting replacement(value);
     auto const rows = MakeRawSetting(path, replacement);
-    uvc::Path target = path;
     EventThread notify(*this);
-    {
+    int const result = WithRoom([&] {
       std::unique_lock<std::shared_mutex> lock(treeLock);
-      Setting& node = uvc::GetItem(tree, target);
+      StoreChange change(*this, notify, "Set");
+      Setting& node = uvc::GetItem(tree, path);
       // A change of type is reported, not refused.
       if (node.index() != uvc::index::kNone && node.index() != replacement.index())
         SM_LOG(LogLevel::Error, kManagerSource, "SetValue",
@@ -114,10 +121,15 @@ int SettingsManager::SetValue(uvc::Path const& path, uvc::TValue<Setting> const&
                replacement.index());
       if (node.value() == replacement.value()) return fdn::rc::kFalse;
       if (IsReadOnly(node)) return fdn::rc::kProhibited;
-      if (db) db->Set(rows);
-      node.value() = std::move(replacement.value());
-      PushEvent_(notify, std::move(target), event::kValue);
-    }
+      if (db) {
+        db->Replace(rows);
+        change.Commit(rows.front().path);
+      }
+      node.value() = replacement.value();
+      PushEvent_(notify, uvc::Path(path), event::kValue);
+      return fdn::rc::kOk;
+    });
+    if (result != fdn::rc::kOk) return result;
   } catch (std::exception const&) {
     return Failed("SetValue", __LINE__, path);
   }
@@ -132,21 +144,26 @@ int SettingsManager::SetSetting(uvc::Path const& path, Setting const& setting) {
     CheckDepth(path, setting);
     Setting replacement = setting;
     auto const rows = MakeRawSetting(path, replacement);
-    uvc::Path target = path;
     EventThread notify(*this);
-    {
+    int const result = WithRoom([&] {
       std::unique_lock<std::shared_mutex> lock(treeLock);
-      Setting& node = uvc::GetItem(tree, target);
+      StoreChange change(*this, notify, "Set");
+      Setting& node = uvc::GetItem(tree, path);
       if (node.index() != uvc::index::kNone && node.index() != replacement.index())
         SM_LOG(LogLevel::Error, kManagerSource, "SetSetting",
                "{} ### SetSetting({}): old/new setting type mismatch: {}/{}", id, path,
                node.index(), replacement.index());
       if (node == replacement) return fdn::rc::kFalse;
       // No read-only check: this is the privileged replacement.
-      if (db) db->Set(rows);
-      node = std::move(replacement);
-      PushEvent_(notify, std::move(target), event::kSetting);
-    }
+      if (db) {
+        db->Replace(rows);
+        change.Commit(rows.front().path);
+      }
+      node = replacement;
+      PushEvent_(notify, uvc::Path(path), event::kSetting);
+      return fdn::rc::kOk;
+    });
+    if (result != fdn::rc::kOk) return result;
   } catch (std::exception const&) {
     return Failed("SetSetting", __LINE__, path);
   }
@@ -159,16 +176,21 @@ int SettingsManager::SetAttribute(uvc::Path const& path, Attributes const& attri
     Check(path);
     auto const key = MakeStringPath(path);
     impl::RawAttrib const record(attributes);
-    uvc::Path target = path;
     EventThread notify(*this);
-    {
+    int const result = WithRoom([&] {
       std::unique_lock<std::shared_mutex> lock(treeLock);
-      Setting& node = uvc::GetItem(tree, target);
+      StoreChange change(*this, notify, "Upd");
+      Setting& node = uvc::GetItem(tree, path);
       if (node.attributes == attributes) return fdn::rc::kFalse;
-      if (db && db->Upd(key, record) != 1) throw kAttribDiffers;
+      if (db) {
+        if (db->Upd(key, record) != 1) throw kAttribDiffers;
+        change.Commit(key);
+      }
       node.attributes = attributes;
-      PushEvent_(notify, std::move(target), event::kAttributes);
-    }
+      PushEvent_(notify, uvc::Path(path), event::kAttributes);
+      return fdn::rc::kOk;
+    });
+    if (result != fdn::rc::kOk) return result;
   } catch (std::exception const&) {
     return Failed("SetAttribute", __LINE__, path);
   }
@@ -184,20 +206,23 @@ int SettingsManager::DeleteSetting(uvc::Path const& path) {
     if (path.back().index() != 1)
       throw uvc::Error(fdn::rc::kProhibited, "Only Tree item can be removed");
     auto const key = MakeStringPath(path);
-    uvc::Path target = path;
     EventThread notify(*this);
-    {
+    removed = WithRoom([&] {
       std::unique_lock<std::shared_mutex> lock(treeLock);
+      StoreChange change(*this, notify, "Del");
       int const rows = db ? db->Del(key) : -1;
-      removed = uvc::DelItem(tree, target, false);
-      if (removed == fdn::rc::kOk) {
+      // Rows removed are committed whatever the tree holds.
+      if (rows > 0) change.Commit(key);
+      int const deleted = uvc::DelItem(tree, path, false);
+      if (deleted == fdn::rc::kOk) {
         // The removal stands even when the database had no row for it.
-        PushEvent_(notify, std::move(target), event::kDeleted);
+        PushEvent_(notify, uvc::Path(path), event::kDeleted);
         if (rows == 0) throw kDeleteDiffers;
       } else if (rows == 1) {
         throw kDeleteDiffers;
       }
-    }
+      return deleted;
+    });
   } catch (std::exception const&) {
     return Failed("DeleteSetting", __LINE__, path);
   }

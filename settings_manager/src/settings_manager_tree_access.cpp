@@ -1,5 +1,6 @@
 // Whole-tree access: listing, reading and editing the whole tree through the manager.
 
+#include "depth.h"
 #include "log.h"
 #include "settings_manager.h"
 #include "tree_diff.h"
@@ -74,23 +75,27 @@ int SettingsManager::EditTree(TreeEdit const& edit) {
   Setting replaced;  // the old tree, destroyed after the lock is released
   try {
     EventThread notify(*this);
-    std::unique_lock<std::shared_mutex> lock(treeLock);
-    Setting edited = tree;
-    if (int const refused = edit(edited); refused != fdn::rc::kOk) return refused;
-    if (edited.valueless_by_exception() || edited.index() != uvc::index::kMap) throw kRootNotMap;
-    if (edited == tree) return fdn::rc::kFalse;
-    // Every row of the tree: the empty root path replaces all of them in one transaction.
-    if (db) db->Set(MakeRawSetting(uvc::Path(), edited));
-    std::vector<std::pair<uvc::Path, unsigned char>> changes;
-    if (eventsEnabled) {
-      uvc::Path at;
-      DiffTrees(tree, edited, at, [&changes](uvc::Path const& path, unsigned char kind) {
-        changes.emplace_back(path, kind);
-      });
-    }
-    std::swap(tree, edited);
-    replaced = std::move(edited);
-    for (auto& [path, kind] : changes) PushEvent_(notify, std::move(path), kind);
+    int const result = WithRoom([&] {
+      std::unique_lock<std::shared_mutex> lock(treeLock);
+      // The edit sees the file as it is: what other managers committed is taken in first.
+      StoreChange change(*this, notify, "Set");
+      Setting edited = tree;
+      if (int const refused = edit(edited); refused != fdn::rc::kOk) return refused;
+      if (edited.valueless_by_exception() || edited.index() != uvc::index::kMap) throw kRootNotMap;
+      CheckDepth(uvc::Root(), edited);
+      if (edited == tree) return fdn::rc::kFalse;
+      if (db) {
+        // Every row of the tree: the empty root path replaces all of them. The root in the
+        // change log makes every other manager read the whole file again.
+        db->Replace(MakeRawSetting(uvc::Path(), edited));
+        change.Commit(std::string());
+      }
+      PushDiff_(notify, uvc::Root(), &tree, &edited);
+      std::swap(tree, edited);
+      replaced = std::move(edited);
+      return fdn::rc::kOk;
+    });
+    if (result != fdn::rc::kOk) return result;
   } catch (std::exception const&) {
     return Failed("EditTree", __LINE__, uvc::Path());
   }

@@ -1,73 +1,64 @@
 #include "tree_diff.h"
 
-#include "settings_manager/interfaces.h"
-
 namespace settings_manager {
 namespace {
 
 namespace ix = uvc::index;
 
-void Report(uvc::Path const& at, unsigned char kind, ChangeSink const& changed) {
-  if (!at.empty()) changed(at, kind);
+// Changes are reported below the root only: the root itself is never a changed setting.
+void Report(uvc::Path const& path, unsigned char kind, DiffReport const& report) {
+  if (!path.empty()) report(path, kind);
 }
 
-// Children are compared one by one only where both sides hold them alike.
-bool SameShape(Setting const& before, Setting const& after) {
-  if (before.index() != after.index()) return false;
-  if (before.index() == ix::kMap) return true;
-  return before.index() == ix::kList &&
-         std::get<ix::kList>(before).size() == std::get<ix::kList>(after).size();
-}
-
-void DiffMaps(Setting const& before, Setting const& after, uvc::Path& at,
-              ChangeSink const& changed) {
+void DiffMaps(Setting const& before, Setting const& after, uvc::Path& path,
+              DiffReport const& report) {
   auto const& old = std::get<ix::kMap>(before);
   auto const& now = std::get<ix::kMap>(after);
   auto o = old.begin();
   auto n = now.begin();
-  // Both maps are in key order: one merge walk reports in path order.
+  // Both in key order: one merge pass.
   while (o != old.end() || n != now.end()) {
-    bool const onlyOld = n == now.end() || (o != old.end() && o->first < n->first);
-    bool const onlyNew = !onlyOld && (o == old.end() || n->first < o->first);
-    at.emplace_back(std::in_place_index<1>, onlyOld ? o->first : n->first);
-    if (onlyOld)
-      Report(at, event::kDeleted, changed);
-    else if (onlyNew)
-      Report(at, event::kCreated, changed);
-    else
-      DiffTrees(o->second, n->second, at, changed);
-    at.pop_back();
-    if (!onlyNew) ++o;
-    if (!onlyOld) ++n;
+    bool const takeOld = n == now.end() || (o != old.end() && o->first < n->first);
+    bool const takeNew = o == old.end() || (n != now.end() && n->first < o->first);
+    path.emplace_back(std::in_place_index<1>, takeOld ? o->first : n->first);
+    if (takeOld) {
+      Report(path, event::kDeleted, report);
+      ++o;
+    } else if (takeNew) {
+      Report(path, event::kCreated, report);
+      ++n;
+    } else {
+      DiffTrees(o->second, n->second, path, report);
+      ++o;
+      ++n;
+    }
+    path.pop_back();
   }
 }
 
 }  // namespace
 
-void DiffTrees(Setting const& before, Setting const& after, uvc::Path& at,
-               ChangeSink const& changed) {
-  if (before == after) return;
-  bool const attributes = before.attributes != after.attributes;
-  if (!SameShape(before, after)) {
-    bool const value = before.value() != after.value();
-    Report(at,
-           value && attributes ? event::kSetting
-           : value             ? event::kValue
-                               : event::kAttributes,
-           changed);
-    return;
-  }
-  if (attributes) Report(at, event::kAttributes, changed);
-  if (before.index() == ix::kMap) {
-    DiffMaps(before, after, at, changed);
-    return;
-  }
+void DiffTrees(Setting const& before, Setting const& after, uvc::Path& path,
+               DiffReport const& report) {
+  unsigned char const attributes = before.attributes == after.attributes ? 0 : event::kAttributes;
+  auto const index = before.index();
+  bool const container = index == ix::kMap || index == ix::kList;
+  bool valueChanged = index != after.index();
+  if (!valueChanged && index == ix::kList)
+    valueChanged = std::get<ix::kList>(before).size() != std::get<ix::kList>(after).size();
+  if (!valueChanged && !container) valueChanged = before.value() != after.value();
+
+  if (valueChanged || attributes != 0)
+    Report(path, static_cast<unsigned char>((valueChanged ? event::kValue : 0) | attributes),
+           report);
+  if (valueChanged || !container) return;
+  if (index == ix::kMap) return DiffMaps(before, after, path, report);
   auto const& old = std::get<ix::kList>(before);
   auto const& now = std::get<ix::kList>(after);
   for (std::size_t i = 0; i < old.size(); ++i) {
-    at.emplace_back(std::in_place_index<0>, i);
-    DiffTrees(old[i], now[i], at, changed);
-    at.pop_back();
+    path.emplace_back(std::in_place_index<0>, static_cast<std::uint64_t>(i));
+    DiffTrees(old[i], now[i], path, report);
+    path.pop_back();
   }
 }
 

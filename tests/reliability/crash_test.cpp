@@ -17,82 +17,13 @@
 #include <thread>
 
 #include "reliability_util.h"
+#include "support/child_process.h"
 #include "support/temp_dir.h"
 
 namespace reliability {
 namespace {
 
-// A child process whose standard output comes through a pipe; killed and reaped when
-// the object ends.
-class Child {
- public:
-  explicit Child(std::vector<std::string> const& argv) {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-    std::vector<char*> args;
-    for (auto const& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(fds[1], STDOUT_FILENO);
-      ::execv(args[0], args.data());
-      ::_exit(127);
-    }
-    ::close(fds[1]);
-    read_ = fds[0];
-    if (pid_ < 0) throw std::runtime_error("fork failed");
-  }
-  ~Child() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      Wait();
-    }
-    if (read_ >= 0) ::close(read_);
-  }
-  Child(Child const&) = delete;
-  Child& operator=(Child const&) = delete;
-
-  // The next line, waiting at most `timeout`; nullopt at the end of output or on timeout
-  // (`timedOut` tells which).
-  std::optional<std::string> Line(std::chrono::milliseconds timeout, bool& timedOut) {
-    timedOut = false;
-    auto const end = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-      auto const newline = buffer_.find('\n');
-      if (newline != std::string::npos) {
-        std::string line = buffer_.substr(0, newline);
-        buffer_.erase(0, newline + 1);
-        return line;
-      }
-      auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          end - std::chrono::steady_clock::now());
-      if (left.count() <= 0) {
-        timedOut = true;
-        return std::nullopt;
-      }
-      pollfd p{read_, POLLIN, 0};
-      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-      char chunk[4096];
-      auto const n = ::read(read_, chunk, sizeof chunk);
-      if (n <= 0) return std::nullopt;
-      buffer_.append(chunk, static_cast<std::size_t>(n));
-    }
-  }
-
-  void Kill() { ::kill(pid_, SIGKILL); }
-  // The wait status.
-  int Wait() {
-    int status = 0;
-    if (pid_ > 0) ::waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return status;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int read_ = -1;
-  std::string buffer_;
-};
+using Child = test_support::ChildProcess;
 
 TEST(ProcessCrash, EveryAcknowledgedChangeSurvivesSigkillAndNothingHalfDoneAppears) {
   QuietLog quiet;

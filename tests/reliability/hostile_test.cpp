@@ -111,7 +111,7 @@ TEST(Hostile, CallsTooDeepOrMetByAFullDiskOrALockAreRefusedWithTheirReason) {
        [&] { return c.creator->CreateSetting(P("n"), Setting(1.0)); }, fdn::rc::kInvalidResult,
        "[SMDB] Set: commit: database or disk is full"},
       {"delete on a full disk", SQLITE_FULL, [&] { return c.deleter->DeleteSetting(P("m")); },
-       kMedia, "/ 'database or disk is full'"},
+       fdn::rc::kInvalidResult, "[SMDB] Del: commit: database or disk is full"},
       {"change on a failing disk", SQLITE_IOERR,
        [&] { return c.valueSetter->SetValue(P("a"), 2.0); }, fdn::rc::kInvalidResult,
        "[SMDB] Set: commit: disk I/O error"},

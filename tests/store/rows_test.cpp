@@ -13,6 +13,7 @@
 #include <variant>
 #include <vector>
 
+#include "settings_db_statements.h"
 #include "store_test_util.h"
 #include "support/captured_log.h"
 #include "support/sqlite_file.h"
@@ -21,6 +22,7 @@
 namespace store_test {
 namespace {
 
+namespace stmt = settings_db::statements;
 using test_support::CapturedLog;
 using test_support::SqliteFile;
 using test_support::TempDir;
@@ -190,7 +192,7 @@ TEST_F(RowsTest, FailingDeleteOrUpdateIsReportedWithItsStatement) {
       "CREATE TRIGGER no_update BEFORE UPDATE ON data "
       "BEGIN SELECT RAISE(ABORT, 'no update'); END;");
   auto const before = Rows();
-  std::string const deleteFailure = "[SMDB]  DELETE    FROM data  WHERE path LIKE $path || '%';: '" +
+  std::string const deleteFailure = "[SMDB] " + std::string(stmt::kDeleteSubtree) + ": '" +
                                     WrapperCodeText(SQLITE_CONSTRAINT_TRIGGER) + "' / 'no delete'";
 
   EXPECT_SMDB_ERROR(db_->Del("a/"), kMediaError, deleteFailure);
@@ -218,9 +220,8 @@ TEST_F(RowsTest, StatementThatCannotBePreparedIsReportedWithStatementAndError) {
   EXPECT_EQ(file_->QueryText(paths), before) << "the delete step was not rolled back";
 
   EXPECT_SMDB_ERROR(db_->Get(""), kMediaError,
-                    "[SMDB] Exec.Prepare: '" + WrapperCodeText(SQLITE_ERROR) +
-                        "' / ' SELECT path, value, attrib    FROM data  WHERE path LIKE $path || "
-                        "'%'  ORDER BY path ASC;' , 'no such column: attrib'");
+                    "[SMDB] Exec.Prepare: '" + WrapperCodeText(SQLITE_ERROR) + "' / '" +
+                        std::string(stmt::kSelectAll) + "' , 'no such column: attrib'");
 }
 
 // A step that fails after the first row: the rows of data come through a view whose

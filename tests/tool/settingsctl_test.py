@@ -391,6 +391,30 @@ class Watch(ToolCase):
         self.assertEqual([json.loads(line)["message"] for line in result.stderr.decode().splitlines()], [
             "read-only (Prohibited = 0x80000066)", "unknown verb 'bogus' (help lists them)", "standard input carries the commands here"])
 
+    def test_changes_of_other_processes_are_shown(self):
+        """A watch session prints what other settingsctl processes change, while it waits."""
+        self.import_example()
+        watch = subprocess.Popen([BINARY, "--db", "test.db", "watch", "device/network"], cwd=self.dir,
+                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(watch.kill)
+        watchdog = threading.Timer(60, watch.kill)  # a missing line then ends the read
+        watchdog.start()
+        self.addCleanup(watchdog.cancel)
+        # A command of its own first: its answer tells that the subscription is in place.
+        watch.stdin.write(b"get device/network/port\n")
+        watch.stdin.flush()
+        self.assertEqual(watch.stdout.readline(), b"8080\n")
+        self.ok("set", "device/network/port", "8081")
+        self.assertEqual(watch.stdout.readline(), b"event: device/network/port value\n")
+        self.ok("create", "device/network/ntp", "pool.example")
+        self.assertEqual(watch.stdout.readline(), b"event: device/network/ntp created\n")
+        # Its own tree took the changes in: the value the other process set is there.
+        watch.stdin.write(b"set device/network/port 8080\nget device/network/port\n")
+        watch.stdin.close()
+        self.assertEqual(watch.stdout.read().decode(), "\n".join([
+            "device/network/port changed", "event: device/network/port value", "8080", ""]))
+        self.assertEqual(watch.wait(timeout=60), 0)
+
 
 if __name__ == "__main__":
     BINARY = str(pathlib.Path(sys.argv[1]).resolve())

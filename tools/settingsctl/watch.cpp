@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -27,30 +28,58 @@ struct Event {
   unsigned char kind;
 };
 
-// Keeps the events the library's event thread delivers until the session prints them, so
-// that they appear after the output of the command that caused them.
+// Prints the events the library's event thread delivers. While a command runs they are
+// kept, so that they appear after the output of the command that caused them; while the
+// session waits for input they are printed as they come (changes of other processes).
 class EventQueue : public settings_manager::ISettingsUpdateObserver {
  public:
+  explicit EventQueue(Style const& style) : style_(style) {}
+
   void Update(uvc::Path const& path, unsigned char kind) override {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      events_.push_back({path, kind});
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (idle_) {
+      Print({path, kind});
+      std::fflush(stdout);
+      return;
     }
+    events_.push_back({path, kind});
     delivered_.notify_all();
   }
 
-  // The events delivered so far, once there are at least `count` of them or `patience`
-  // has passed.
-  std::deque<Event> Take(std::size_t count, std::chrono::milliseconds patience) {
+  // Keeps the events from now on.
+  void Busy() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    idle_ = false;
+  }
+
+  // Prints the kept events once every path of `expected` is among them or `patience` has
+  // passed, then prints events as they come; returns how many expected paths did not come.
+  std::size_t Idle(std::set<uvc::Path> const& expected, std::chrono::milliseconds patience) {
     std::unique_lock<std::mutex> lock(mutex_);
-    delivered_.wait_for(lock, patience, [&] { return events_.size() >= count; });
-    return std::exchange(events_, {});
+    auto missing = [&] {
+      std::size_t count = 0;
+      for (auto const& path : expected)
+        count += std::none_of(events_.begin(), events_.end(),
+                              [&](Event const& event) { return event.path == path; });
+      return count;
+    };
+    delivered_.wait_for(lock, patience, [&] { return missing() == 0; });
+    std::size_t const notDelivered = missing();
+    for (auto const& event : events_) Print(event);
+    events_.clear();
+    idle_ = true;
+    return notDelivered;
   }
 
  private:
+  void Print(Event const& event) const;
+
+  Style const style_;
+
   std::mutex mutex_;
   std::condition_variable delivered_;
   std::deque<Event> events_;  // guarded by mutex_
+  bool idle_ = false;         // guarded by mutex_
 };
 
 // Delivery is asynchronous but prompt; this bounds the wait should an event never come.
@@ -74,16 +103,14 @@ std::string KindText(unsigned char kind) {
   }
 }
 
-std::size_t PrintEvents(Style const& style, std::deque<Event> const& events) {
-  for (auto const& event : events) {
-    if (style.json)
-      Print(nlohmann::ordered_json{{"event", KindText(event.kind)}, {"path", ShowPath(event.path)}}
-                .dump() +
-            '\n');
-    else
-      Print(fmt::format("event: {} {}\n", ShowPath(event.path), KindText(event.kind)));
-  }
-  return events.size();
+void EventQueue::Print(Event const& event) const {
+  if (style_.json)
+    settingsctl::Print(
+        nlohmann::ordered_json{{"event", KindText(event.kind)}, {"path", ShowPath(event.path)}}
+            .dump() +
+        '\n');
+  else
+    settingsctl::Print(fmt::format("event: {} {}\n", ShowPath(event.path), KindText(event.kind)));
 }
 
 // One line: its exit status, with its output printed.
@@ -126,7 +153,7 @@ int RunLine(Session& session, Style const& style, std::string const& line) {
 
 int Watch(Session& session, Request const& request, std::istream& in) {
   uvc::Path watched;
-  auto const queue = std::make_shared<EventQueue>();
+  auto const queue = std::make_shared<EventQueue>(request.style);
   settings_manager::SubscriptionId id{};
   try {
     watched = ParsePath(request.path);
@@ -143,6 +170,8 @@ int Watch(Session& session, Request const& request, std::istream& in) {
 
   int result = status::kOk;
   std::string line;
+  // While the session waits for input, the changes of other processes print as they come.
+  queue->Idle({}, std::chrono::milliseconds(0));
   for (;;) {
     if (interactive) Print("> ");
     std::fflush(stdout);
@@ -151,20 +180,22 @@ int Watch(Session& session, Request const& request, std::istream& in) {
     if (start == std::string::npos || line[start] == '#') continue;
     if (line.substr(start, line.find_last_not_of(" \t") + 1 - start) == "exit") break;
 
+    queue->Busy();
     if (int const lineStatus = RunLine(session, request.style, line); lineStatus != status::kOk)
       result = lineStatus;
-    // Each change of a distinct path in the watched subtree is one event for us.
+    // Each change of a distinct path in the watched subtree is an event for us.
     std::set<uvc::Path> expected;
     for (auto& path : session.TakeChanges())
       if (IsWithin(path, watched)) expected.insert(std::move(path));
-    auto const delivered = PrintEvents(request.style, queue->Take(expected.size(), kPatience));
-    if (delivered < expected.size())
+    if (auto const missing = queue->Idle(expected, kPatience); missing > 0)
       ReportFailure(request.style, "watch", std::string(),
-                    Failure(status::kFailed, fmt::format("{} event(s) not delivered in time",
-                                                         expected.size() - delivered)));
+                    Failure(status::kFailed,
+                            fmt::format("{} event(s) not delivered in time", missing)));
   }
+  queue->Busy();
   session.Unsubscribe(id);
-  PrintEvents(request.style, queue->Take(0, std::chrono::milliseconds(0)));
+  queue->Idle({}, std::chrono::milliseconds(0));
+  std::fflush(stdout);
   return result;
 }
 

@@ -87,6 +87,11 @@ class IDatabase {
   virtual Query Commit() = 0;
   virtual Query Rollback() = 0;
 
+  // After a change that the full disk refused and that has been rolled back: folds the
+  // log into the file, so that the next transaction writes over room the log already
+  // has. True when it did; false when the last failure was not a full disk.
+  virtual bool ReclaimRoom() noexcept = 0;
+
   // SQLite's text for the connection's last error.
   virtual std::string LastError() const = 0;
 
