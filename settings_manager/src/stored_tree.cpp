@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "failure.h"
 #include "log.h"
 #include "raw_conversion.h"
 #include "settings_db.h"
@@ -18,9 +19,10 @@ namespace {
 
 using settings_db::SettingsDB;
 
-// Logs the failure in flight at the failure level of client operations; returns its code.
+// Logs the failure in flight at the failure level of client operations and keeps it as
+// the thread's LastResult, with SQLite's reason; returns its code.
 int Failed(char const* function, std::string const& subject) noexcept {
-  auto const result = uvc::ProcessException();
+  auto const result = RecordFailure();
   SM_LOG_NOEXCEPT(LogLevel::Warning, kManagerSource, function, "{}({}): {}", function, subject,
                   result);
   return result.first;

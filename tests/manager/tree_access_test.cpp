@@ -2,6 +2,7 @@
 // file, children are listed by kind, and restore and the one-shot read work on files
 // they never create or change.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -9,6 +10,7 @@
 #include <stdexcept>
 
 #include "manager_test_util.h"
+#include "settings_manager/last_result.h"
 #include "settings_manager/tree_access.h"
 
 namespace manager_test {
@@ -16,6 +18,7 @@ namespace {
 
 namespace sm = settings_manager;
 using settings_manager::ChildInfo;
+using ::testing::HasSubstr;
 
 constexpr int kInterfaceNotSupported = static_cast<int>(0x80000001u);
 constexpr int kInvalidArgument = static_cast<int>(0x80000046u);
@@ -144,6 +147,10 @@ TEST_F(TreeAccessTest, ChildrenByKind) {
 
 TEST_F(TreeAccessTest, RestoreTakesAWholeCheckedBackup) {
   auto const backup = dir.File("backup.db");
+  EXPECT_LT(sm::BackupDatabase(dbPath, dir.File("no/backup.db")), 0);
+  EXPECT_THAT(sm::LastResult().second,
+              HasSubstr("cannot create the copy '" + dir.File("no/backup.db.partial") +
+                        "': No such file or directory"));
   ASSERT_EQ(sm::BackupDatabase(dbPath, backup), 0);
   auto const saved = Tree();
   ASSERT_EQ(deleter->DeleteSetting(P("net")), 0);
@@ -178,7 +185,10 @@ TEST_F(TreeAccessTest, OneShotReadTakesOnlyTheRowsAskedFor) {
   EXPECT_EQ(out, Setting(std::uint16_t{80}));
 
   auto const missing = dir.File("missing.db");
-  EXPECT_LT(sm::ReadSettingFromFile(missing, {}, out), 0);
+  int const code = sm::ReadSettingFromFile(missing, {}, out);
+  EXPECT_LT(code, 0);
+  EXPECT_EQ(sm::LastResult().first, code);
+  EXPECT_THAT(sm::LastResult().second, HasSubstr("no such file: " + missing));
   EXPECT_FALSE(std::filesystem::exists(missing));
   // A database without the schema is refused, not given one.
   auto const bare = dir.File("bare.db");
