@@ -13,7 +13,7 @@
 /// with: a number 0 to 6 or a name (trace, debug, info, warning, error, fatal, off; any
 /// case). It is read once, when the first manager is made or one of the functions below
 /// is first called; SetThreshold overrides it. An invalid value is ignored with an
-/// Error record that says so.
+/// Error record that says so (given to the sink when SetSink was the first call).
 
 #include <functional>
 #include <string_view>

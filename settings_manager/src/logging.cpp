@@ -53,7 +53,6 @@ Level Threshold() {
 }
 
 void SetSink(Sink sink) {
-  log::ReadLogEnvironment();
   tern::logger::LogSink adapter;
   if (sink)
     adapter = [sink = std::move(sink)](tern::logger::LogRecord const& record) {
@@ -61,6 +60,9 @@ void SetSink(Sink sink) {
                   record.message});
     };
   tern::logger::TernLogger::RootLogger().SetSink(std::move(adapter));
+  // Read once the sink is in place: a program that sets its sink first also receives the
+  // record of an invalid value there.
+  log::ReadLogEnvironment();
 }
 
 }  // namespace logging
