@@ -5,13 +5,15 @@
 #include <string>
 #include <string_view>
 
+#include "settings_manager/limits.h"
 #include "uvc/id.h"
 
 namespace settingsctl {
 
 // The deepest nesting the tool accepts, in path steps from the root to the deepest node:
-// paths, values and documents alike. To become the library's own limit.
-constexpr std::size_t kMaxDepth = 256;
+// paths, values and documents alike. The library's own limit, so that anything the tool
+// accepts the library stores, and the tool refuses deeper input before parsing it.
+using settings_manager::kMaxDepth;
 
 // Parses a path as users write it: "network/port", with an optional leading and final
 // slash; "" and "/" name the whole tree. Throws a usage Failure that names the rule the
