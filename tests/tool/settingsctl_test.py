@@ -8,7 +8,10 @@ import json
 import os
 import pathlib
 import random
+import re
+import shutil
 import signal
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -24,6 +27,8 @@ BINARY = None
 
 NOT_FOUND = "no such setting (Not found = 0x8000004c)"
 BAD_INPUT, NOT_FOUND_STATUS, REFUSED, DATABASE = 2, 3, 4, 5
+# Runs a command as a user who may read the test's files but not write them.
+AS_READER = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
 
 
 class ToolCase(unittest.TestCase):
@@ -35,12 +40,12 @@ class ToolCase(unittest.TestCase):
     def command(self, *args, db="test.db"):
         return [BINARY] + (["--db", db] if db is not None else []) + [str(a) for a in args]
 
-    def run_tool(self, *args, stdin=b"", db="test.db", env=None, stdout=subprocess.PIPE):
+    def run_tool(self, *args, stdin=b"", db="test.db", env=None, stdout=subprocess.PIPE, reader=False):
         if isinstance(stdin, str):
             stdin = stdin.encode()
-        environment = {k: v for k, v in os.environ.items() if k != "SETTINGSCTL_DB"}
-        return subprocess.run(self.command(*args, db=db), cwd=self.dir, input=stdin, stdout=stdout,
-                              stderr=subprocess.PIPE, timeout=60, env={**environment, **(env or {})})
+        environment = {k: v for k, v in os.environ.items() if k not in ("SETTINGSCTL_DB", "SETTINGS_MANAGER_LOG_LEVEL")}
+        return subprocess.run((AS_READER if reader else []) + self.command(*args, db=db), cwd=self.dir, input=stdin,
+                              stdout=stdout, stderr=subprocess.PIPE, timeout=60, env={**environment, **(env or {})})
 
     def ok(self, *args, **kwargs):
         result = self.run_tool(*args, **kwargs)
@@ -54,7 +59,9 @@ class ToolCase(unittest.TestCase):
         self.assertEqual(result.stdout, b"")
         lines = result.stderr.decode().splitlines()
         self.assertEqual(len(lines), 1, lines)
-        if message is not None:
+        if isinstance(message, re.Pattern):
+            self.assertRegex(lines[0], message)
+        elif message is not None:
             self.assertEqual(lines[0], message)
         return lines[0]
 
@@ -64,6 +71,21 @@ class ToolCase(unittest.TestCase):
 
     def tree(self, db="test.db"):
         return self.run_tool("export", db=db).stdout
+
+    def files(self):
+        return sorted(p.name for p in self.dir.iterdir())
+
+    def start_watch(self, *args, line, answer):
+        """A watch session running beside the test, once it answered `line` with `answer`."""
+        watch = subprocess.Popen(self.command("watch", *args), cwd=self.dir, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.addCleanup(watch.kill)
+        watchdog = threading.Timer(60, watch.kill)  # a missing line then ends the read
+        watchdog.start()
+        self.addCleanup(watchdog.cancel)
+        watch.stdin.write(line.encode() + b"\n")
+        watch.stdin.flush()
+        self.assertEqual(watch.stdout.readline().decode(), answer)
+        return watch
 
     def import_example(self, **kwargs):
         self.assertEqual(self.ok("import", EXAMPLE, **kwargs), "device created\n")
@@ -117,18 +139,44 @@ class Reads(ToolCase):
             self.assertEqual(self.ok(*args), expected, args)
         # Reads go through the file alone: a missing setting is not found, nothing is created.
         self.fails(NOT_FOUND_STATUS, f"settingsctl: get device/nope: {NOT_FOUND}", "get", "device/nope")
-        self.assertEqual(sorted(p.name for p in self.dir.iterdir()), ["test.db"])
+        self.assertEqual(self.files(), ["test.db"])
 
     def test_read_verbs_never_create_or_hang(self):
         os.mkfifo(self.dir / "fifo")
         for verb in (["get", "a"], ["ls"], ["export"], ["backup", "b.db"]):
-            for db, why in [("missing.db", "does not exist"), ("fifo", "is a FIFO, not a regular file"),
-                            ("/dev/null", "is a character device, not a regular file"), (".", "is a folder, not a regular file")]:
+            for db, why in [("missing.db", "cannot (read|back up) the database 'missing.db': .*: no such file: missing.db "
+                                           r"\(Media error = 0x80000059\)"),
+                            ("fifo", "the database 'fifo' is a FIFO, not a regular file"),
+                            ("/dev/null", "the database '/dev/null' is a character device, not a regular file"),
+                            (".", r"the database '\.' is a folder, not a regular file")]:
                 subject = "b.db" if verb[0] == "backup" else verb[1] if len(verb) > 1 else "/"
-                self.fails(DATABASE, f"settingsctl: {verb[0]} {subject}: the database '{db}' {why}", *verb, db=db)
+                self.fails(DATABASE, re.compile(f"^settingsctl: {verb[0]} {subject}: {why}$"), *verb, db=db)
         self.fails(DATABASE, "settingsctl: set a: the database 'fifo' is a FIFO, not a regular file", "set", "a", "1", db="fifo")
-        self.assertEqual(sorted(p.name for p in self.dir.iterdir()), ["fifo"])
+        self.assertEqual(self.files(), ["fifo"])
         self.assertFalse(os.path.exists("/dev/null-journal"))
+
+    def test_a_reader_who_may_not_write_leaves_nothing_behind(self):
+        if os.geteuid() != 0:
+            self.skipTest("running as another user needs root")
+        self.import_example()
+        os.chmod(self.dir, 0o755)
+        self.assertEqual(self.ok("get", "device/network/port", reader=True), "8080\n")
+        self.fails(DATABASE, re.compile(r"^settingsctl: set device/network/port: cannot change the database 'test\.db': "
+                                        r".*attempt to write a readonly database: the file is open read-only"),
+                   "set", "device/network/port", "1", reader=True)
+        self.assertEqual(self.files(), ["test.db"])
+        # A writer holds the file open, its log and index there: the reader reads through
+        # them and leaves them as they were, and the owner goes on writing.
+        watch = self.start_watch(line="set device/network/port 8081", answer="device/network/port changed\n")
+        self.assertEqual(self.files(), ["test.db", "test.db-shm", "test.db-wal"])
+        self.assertEqual(self.ok("get", "device/network/port", reader=True), "8081\n")
+        os.chmod(shutil.copy(self.dir / "test.db", self.dir / "p.db"), 0o600)
+        self.fails(DATABASE, re.compile(r"^settingsctl: get a: cannot read the database 'p\.db': .*: unable to open "
+                                        r"database file: Permission denied \(Media error"), "get", "a", reader=True, db="p.db")
+        self.assertEqual(self.ok("set", "device/network/port", "8082"), "device/network/port changed\n")
+        watch.stdin.close()
+        self.assertEqual(watch.wait(timeout=60), 0)
+        self.assertEqual(self.files(), ["p.db", "test.db"])
 
 
 class Writes(ToolCase):
@@ -142,11 +190,8 @@ class Writes(ToolCase):
                    "set", "device/network", "[]")
         self.fails(REFUSED, "settingsctl: set device/network/dns: it is a list, and '7' is an int64; --type int64 changes its kind",
                    "set", "device/network/dns", "7")
-        # An explicit type change is quiet; the library's records show with -v alone.
         self.assertEqual(self.ok("set", "device/network/port", "-5", "--type", "int32"), "device/network/port changed\n")
-        result = self.run_tool("-v", "set", "device/network/port", "6", "--type", "int8")
-        self.assertRegex(result.stderr.decode(), r"^ERROR .*type mismatch: 6/4\n$")
-        self.assertEqual(self.ok("dump", "device/network/port"), "device/network/port: int8 = 6\n")
+        self.assertEqual(self.ok("dump", "device/network/port"), "device/network/port: int32 = -5\n")
 
     def test_read_only_needs_force(self):
         self.import_example()
@@ -204,20 +249,24 @@ class Scripting(ToolCase):
     def test_exit_statuses_and_json_errors(self):
         self.import_example()
         self.write("junk.db", "not a database, just text long enough to hold a header\n" * 20)
-        cases = [
-            (["get", "device/nope"], NOT_FOUND_STATUS, "not-found"),
-            (["set", "device/firmware/version", "2"], REFUSED, "refused"),
-            (["set", "device/network/port", "x"], BAD_INPUT, "bad-input"),
-            (["get", "wifi/5ghz"], BAD_INPUT, "bad-input"),
-            (["get", "a", "--db=junk.db"], DATABASE, "database"),
-            (["frob"], BAD_INPUT, "bad-input"),
+        cases = [  # the library's code and reason, when a library call failed
+            (["get", "device/nope"], NOT_FOUND_STATUS, "not-found", "0x8000004c", "^No setting at 'device/nope/'$"),
+            (["set", "device/firmware/version", "2"], REFUSED, "refused", "0x80000066", "^Prohibited = 0x80000066$"),
+            (["set", "device/network/port", "x"], BAD_INPUT, "bad-input", None, None),
+            (["get", "wifi/5ghz"], BAD_INPUT, "bad-input", None, None),
+            (["get", "a", "--db=junk.db"], DATABASE, "database", "0x80000059", "^.SMDB. Could not open .*: file is not a database$"),
+            (["frob"], BAD_INPUT, "bad-input", None, None),
         ]
-        for args, status, kind in cases:
+        for args, status, kind, code, reason in cases:
             db = None if "--db=junk.db" in args else "test.db"
             result = self.run_tool("--json", *args, db=db)
             self.assertEqual((result.returncode, result.stdout), (status, b""), args)
             error = json.loads(result.stderr)
-            self.assertEqual((error["error"], error["status"]), (kind, status), args)
+            self.assertEqual((error["error"], error["status"], error.get("code")), (kind, status, code), args)
+            if code:
+                self.assertTrue(error["codeText"].endswith(" = " + code))
+                self.assertRegex(error["reason"], reason)
+                self.assertIn(error["codeText"], error["message"])
             quiet = self.run_tool("-q", *args, db=db)
             self.assertEqual((quiet.returncode, quiet.stderr), (status, b""), args)
         self.assertEqual(json.loads(self.ok("--json", "set", "device/network/port", "1")),
@@ -233,6 +282,19 @@ class Scripting(ToolCase):
                 self.assertEqual(result.returncode, 1, args)
                 self.assertIn("cannot write the output: No space left on device", result.stderr.decode())
                 self.assertEqual(len(result.stderr.splitlines()), 1)
+
+    def test_library_records_only_with_verbose(self):
+        self.import_example()
+        mismatch = r"library error: .*SetValue\(device/network/port/\): old/new value type mismatch: \d+/\d+\n"
+        for i, (flags, level, expected) in enumerate([
+                ([], "trace", "^$"), ([], "loud", "^$"),  # quiet whatever the variable says
+                (["-v"], "error", f"^{mismatch}$"),
+                (["-v"], "loud", f"^library error: Ignored SETTINGS_MANAGER_LOG_LEVEL='loud': expected 0 to 6 .*\n{mismatch}$"),
+                (["-v"], None, r"^library info: (.*\n)*library info: \[SMDB\] VerifySchema\.\.\.\n(.*\n)*" + mismatch)]):
+            args = ["set", "device/network/port", str(i)] + ["--type", "int8" if i % 2 else "uint16"]
+            result = self.run_tool(*flags, *args, env={"SETTINGS_MANAGER_LOG_LEVEL": level} if level else {})
+            self.assertEqual((result.returncode, result.stdout), (0, b"device/network/port changed\n"), (flags, level))
+            self.assertRegex(result.stderr.decode(), expected, (flags, level))
 
     def test_conventions(self):
         self.assertEqual(self.ok("help", "--verbs").split(), ["get", "ls", "dump", "export", "attr", "set", "create", "replace",
@@ -251,7 +313,7 @@ class Scripting(ToolCase):
         self.assertEqual(self.ok("create", "k", "2", db=None), "k created\n")
         self.assertEqual([self.ok("get", "k", db=db) for db in ("env.db", "settings.db")], ["1\n", "2\n"])
         self.assertEqual(self.ok("--memory", "create", "m", "1", db=None), "m created\n")
-        self.assertEqual(sorted(p.name for p in self.dir.iterdir()), ["env.db", "settings.db"])
+        self.assertEqual(self.files(), ["env.db", "settings.db"])
 
 
 class BadInput(ToolCase):
@@ -285,12 +347,24 @@ class BadInput(ToolCase):
             self.write("t.json", {"format": "settingsctl/1", "path": "dev", "node": node})
             self.fails(BAD_INPUT, f"settingsctl: import t.json: {message}", "import", "t.json")
 
-    def test_database_that_cannot_be_opened(self):
+    def test_database_failures_name_the_real_reason(self):
+        self.ok("create", "a", "1")
         self.write("junk.db", "not a database, just some text that is long enough\n" * 20)
-        for args in (["get", "a"], ["set", "a", "1"]):
-            self.assertRegex(self.fails(DATABASE, None, *args, db="junk.db"),
-                             r"^settingsctl: \w+ a: cannot (read|open) the database 'junk\.db': .+ = 0x8[0-9a-f]{7} \(not an SQLite database file\)$")
-        self.fails(DATABASE, "settingsctl: set a: the folder of the database 'no/such/x.db' does not exist", "set", "a", "1", db="no/such/x.db")
+        # Another process's write lock on locked.db, held past the busy timeout, stops no read.
+        for name, sql in [("newer.db", "UPDATE meta SET value = '2'"), ("locked.db", "BEGIN IMMEDIATE")]:
+            connection = sqlite3.connect(shutil.copy(self.dir / "test.db", self.dir / name), isolation_level=None)
+            self.addCleanup(connection.close)
+            connection.execute(sql)
+        self.assertEqual(self.ok("get", "a", db="locked.db"), "1\n")
+        for args, db, reason in [
+                (["get", "a"], "junk.db", r"cannot read the database 'junk\.db': .*: file is not a database \(Media error = 0x80000059\)"),
+                (["set", "a", "1"], "junk.db", r"cannot open the database 'junk\.db': .*: file is not a database \(Media error"),
+                (["get", "a"], "newer.db", r"cannot read the database 'newer\.db': \[SMDB\] Unexpected schema version: '2' \(Invalid result"),
+                (["set", "a", "1"], "no/such/x.db", r"cannot open the database 'no/such/x\.db': .*: unable to open database file: No such file or dir"),
+                (["backup", "no/b.db"], "test.db", r"cannot back up the database 'test\.db': .*: cannot create the copy 'no/b\.db\.partial': No such file"),
+                (["set", "a", "2"], "locked.db", r"cannot change the database 'locked\.db': \[SMDB\] Set: begin transaction: database is locked "
+                                                 r"by another connection for longer than the busy timeout of 5000 ms \(")]:
+            self.fails(DATABASE, re.compile(f"^settingsctl: {args[0]} {args[1]}: {reason}"), *args, db=db)
 
 
 class BackupRestore(ToolCase):
@@ -303,14 +377,14 @@ class BackupRestore(ToolCase):
         self.write("junk.db", "x" * 4096)
         os.mkfifo(self.dir / "fifo")
         self.fails(BAD_INPUT, "settingsctl: backup fifo: the backup 'fifo' is a FIFO, not a regular file", "backup", "fifo")
-        self.assertRegex(self.fails(BAD_INPUT, None, "restore", "junk.db"), r"^settingsctl: restore junk\.db: 'junk\.db' is not a settings database: ")
-        self.fails(BAD_INPUT, "settingsctl: restore missing.db: the backup 'missing.db' does not exist", "restore", "missing.db")
+        for bad, why in [("junk.db", "file is not a database"), ("missing.db", "no such file: missing.db")]:
+            self.fails(BAD_INPUT, re.compile(f"^settingsctl: restore {bad}: cannot read the backup '{bad}': .*: {why} "), "restore", bad)
         # A running watch hears what the restore changed.
         self.assertEqual(self.ok("watch", stdin="restore b.db\nrestore b.db\n"),
                          "/ restored\nevent: device/network/port value\nevent: extra deleted\n/ unchanged\n")
         self.assertEqual(self.tree(), saved)
         self.assertEqual(self.tree(db="b.db"), saved)
-        self.assertEqual(sorted(p.name for p in self.dir.iterdir()), ["b.db", "fifo", "junk.db", "test.db"])
+        self.assertEqual(self.files(), ["b.db", "fifo", "junk.db", "test.db"])
 
     def test_backup_during_concurrent_writes(self):
         self.ok("create", "c", '{"a": 0, "b": 0}')
@@ -394,25 +468,21 @@ class Watch(ToolCase):
     def test_changes_of_other_processes_are_shown(self):
         """A watch session prints what other settingsctl processes change, while it waits."""
         self.import_example()
-        watch = subprocess.Popen([BINARY, "--db", "test.db", "watch", "device/network"], cwd=self.dir,
-                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.addCleanup(watch.kill)
-        watchdog = threading.Timer(60, watch.kill)  # a missing line then ends the read
-        watchdog.start()
-        self.addCleanup(watchdog.cancel)
+        self.ok("-q", "backup", "saved.db")
         # A command of its own first: its answer tells that the subscription is in place.
-        watch.stdin.write(b"get device/network/port\n")
-        watch.stdin.flush()
-        self.assertEqual(watch.stdout.readline(), b"8080\n")
+        watch = self.start_watch("device/network", line="get device/network/port", answer="8080\n")
         self.ok("set", "device/network/port", "8081")
         self.assertEqual(watch.stdout.readline(), b"event: device/network/port value\n")
         self.ok("create", "device/network/ntp", "pool.example")
         self.assertEqual(watch.stdout.readline(), b"event: device/network/ntp created\n")
-        # Its own tree took the changes in: the value the other process set is there.
-        watch.stdin.write(b"set device/network/port 8080\nget device/network/port\n")
+        self.assertEqual(self.ok("restore", "saved.db"), "/ restored\n")
+        self.assertEqual(sorted(watch.stdout.readline() for _ in range(2)),
+                         [b"event: device/network/ntp deleted\n", b"event: device/network/port value\n"])
+        # Its own tree took the changes in: the value the restore put back is there.
+        watch.stdin.write(b"get device/network/port\nset device/network/port 8082\nget device/network/port\n")
         watch.stdin.close()
         self.assertEqual(watch.stdout.read().decode(), "\n".join([
-            "device/network/port changed", "event: device/network/port value", "8080", ""]))
+            "8080", "device/network/port changed", "event: device/network/port value", "8082", ""]))
         self.assertEqual(watch.wait(timeout=60), 0)
 
 

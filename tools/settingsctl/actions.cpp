@@ -212,7 +212,7 @@ void Import(Session& session, Request const& request) {
 }
 
 void Backup(Session& session, Request const& request) {
-  CheckFile(request.file, true, "the backup", status::kBadInput);
+  CheckFile(request.file, "the backup", status::kBadInput);
   session.Backup(request.file);
   PrintOutcome(request.style, request.file, "written");
 }

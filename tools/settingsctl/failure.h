@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -18,16 +19,28 @@ constexpr int kDatabase = 5;  // the database is missing, not a file, unusable o
 // The word for a failed exit status in JSON errors: "bad-input", "not-found", ...
 char const* StatusName(int exitStatus) noexcept;
 
-// A failure that ends one command: reported in one line, with its exit status. Thrown
-// before anything is changed wherever the tool can check first.
+// What the library reported of a failed call: its result code, the code's text and the
+// full reason (the library's LastResult), such as "[SMDB] Set: commit: database or disk
+// is full".
+struct LibraryCause {
+  int code = 0;
+  std::string codeText;  // "Not found = 0x8000004c"
+  std::string reason;    // the code's text when the library kept no reason of its own
+};
+
+// A failure that ends one command: reported in one line, with its exit status, and the
+// library's cause when a library call failed. Thrown before anything is changed wherever
+// the tool can check first.
 class Failure : public std::runtime_error {
  public:
-  Failure(int exitStatus, std::string const& message)
-      : std::runtime_error(message), exitStatus_(exitStatus) {}
+  Failure(int exitStatus, std::string const& message, std::optional<LibraryCause> cause = {})
+      : std::runtime_error(message), exitStatus_(exitStatus), cause_(std::move(cause)) {}
   int ExitStatus() const noexcept { return exitStatus_; }
+  std::optional<LibraryCause> const& Cause() const noexcept { return cause_; }
 
  private:
   int exitStatus_;
+  std::optional<LibraryCause> cause_;
 };
 
 inline Failure UsageFailure(std::string const& message) {

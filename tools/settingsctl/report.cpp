@@ -1,21 +1,22 @@
 #include "report.h"
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <fmt/format.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "fdn/result_codes.h"
+#include "settings_manager/last_result.h"
+#include "settings_manager/logging.h"
 
 namespace settingsctl {
 namespace {
 
-// Where the tool's own messages go: standard error as the tool was started with it.
-FILE* messages = stderr;
+namespace logging = settings_manager::logging;
 
 // The first error of standard output, kept until FinishOutput reports it.
 int outputError = 0;
@@ -42,18 +43,29 @@ char const* StatusName(int exitStatus) noexcept {
 }
 
 void ShowLibraryRecords(bool shown) {
-  if (shown) return;
-  // The library writes its records to standard error at its default threshold and offers
-  // no way to change that yet: its records go to /dev/null, ours to a duplicate of the
-  // original standard error. With a logging API this becomes a threshold or a sink.
-  int const ours = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-  int const null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-  if (ours < 0 || null < 0 || ::dup2(null, STDERR_FILENO) < 0) return;
-  ::close(null);
-  if (FILE* stream = ::fdopen(ours, "w")) messages = stream;
+  // The sink comes first: a record about an invalid SETTINGS_MANAGER_LOG_LEVEL, made when
+  // the library first reads it, goes through it too.
+  logging::SetSink([shown](logging::Record const& record) {
+    if (!shown) return;
+    static constexpr char const* kNames[] = {"trace", "debug", "info", "warning", "error", "fatal"};
+    auto const level = static_cast<std::size_t>(record.level);
+    auto const line =
+        fmt::format("library {}: {}\n", level < 6 ? kNames[level] : "?", record.message);
+    std::fwrite(line.data(), 1, line.size(), stderr);
+  });
+  if (!shown)
+    logging::SetThreshold(logging::Level::Off);  // records are not even made
+  else if (std::getenv(logging::kLevelVariable) == nullptr)
+    logging::SetThreshold(logging::Level::Info);
 }
 
-std::string LibraryReason(int code) { return fdn::ResultCodeText(code); }
+LibraryCause CauseOf(int code) {
+  auto const last = settings_manager::LastResult();
+  auto codeText = fdn::ResultCodeText(code);
+  // A code returned without a record leaves the reason of an earlier failure in place.
+  auto reason = last.first == code && !last.second.empty() ? last.second : codeText;
+  return {code, std::move(codeText), std::move(reason)};
+}
 
 void Print(std::string_view text) {
   errno = 0;
@@ -90,6 +102,11 @@ void ReportFailure(Style const& style, std::string const& verb, std::string cons
     if (!verb.empty()) error["verb"] = verb;
     if (!subject.empty()) error["subject"] = subject;
     error["message"] = failure.what();
+    if (auto const& cause = failure.Cause()) {
+      error["code"] = fmt::format("{:#010x}", static_cast<unsigned>(cause->code));
+      error["codeText"] = cause->codeText;
+      error["reason"] = cause->reason;
+    }
     line = error.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
   } else {
     line = "settingsctl: ";
@@ -101,8 +118,8 @@ void ReportFailure(Style const& style, std::string const& verb, std::string cons
     }
     line += failure.what();
   }
-  std::fprintf(messages, "%s\n", line.c_str());
-  std::fflush(messages);
+  std::fprintf(stderr, "%s\n", line.c_str());
+  std::fflush(stderr);
 }
 
 }  // namespace settingsctl

@@ -17,12 +17,13 @@ struct Style {
   bool quiet = false;  // no outcome lines and no error lines: the exit status tells
 };
 
-// Shows the library's log records on standard error (-v), or hides them. Call once,
-// first thing: the tool's own messages keep standard error either way.
+// Shows the library's log records on standard error, one "library warning: ..." line
+// each, at the threshold SETTINGS_MANAGER_LOG_LEVEL names, else info and above (-v); or
+// has the library make none at all. Call once, before the first call of the library.
 void ShowLibraryRecords(bool shown);
 
-// The library's reason for the failure `code` of the call just made.
-std::string LibraryReason(int code);
+// The library's cause of the failure `code` of the call just made on this thread.
+LibraryCause CauseOf(int code);
 
 // Writes `text` to standard output. Whether it arrived is checked by FinishOutput.
 void Print(std::string_view text);
@@ -35,9 +36,10 @@ void FinishOutput();
 // when quiet.
 void PrintOutcome(Style const& style, std::string const& subject, std::string_view outcome);
 
-// One line on standard error: "settingsctl: set network/port: read-only", or as JSON
-// {"error": "refused", "status": 4, "verb": "set", "subject": "network/port",
-// "message": "read-only"}. `verb` and `subject` may be empty. Nothing when quiet.
+// One line on standard error: "settingsctl: set network/port: read-only (...)", or as
+// JSON {"error": "refused", "status": 4, "verb": "set", "subject": "network/port",
+// "message": "read-only (...)"}, with "code", "codeText" and "reason" when the library
+// failed. `verb` and `subject` may be empty. Nothing when quiet.
 void ReportFailure(Style const& style, std::string const& verb, std::string const& subject,
                    Failure const& failure);
 

@@ -3,11 +3,6 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-
 #include "fdn/result_codes.h"
 
 #include "failure.h"
@@ -57,11 +52,18 @@ char const* Hint(int code) {
   }
 }
 
-// "read-only (Prohibited = 0x80000066)": what it means here, then the library's reason.
+// "no such setting (Not found = 0x8000004c)": what the code means here, else the
+// library's reason; the code's text unless the reason holds it already.
+std::string Explain(char const* hint, LibraryCause const& cause) {
+  std::string text = hint != nullptr ? hint : cause.reason;
+  if (text.find(cause.codeText) == std::string::npos) text += " (" + cause.codeText + ')';
+  return text;
+}
+
 [[noreturn]] void Fail(int code, char const* hint = nullptr) {
-  if (hint == nullptr) hint = Hint(code);
-  auto const reason = LibraryReason(code);
-  throw Failure(StatusOf(code), hint != nullptr ? fmt::format("{} ({})", hint, reason) : reason);
+  auto cause = CauseOf(code);
+  auto const text = Explain(hint != nullptr ? hint : Hint(code), cause);
+  throw Failure(StatusOf(code), text, std::move(cause));
 }
 
 template <typename Role>
@@ -72,18 +74,12 @@ void Take(settings_manager::ISettingsManager& manager,
     Fail(code, "the manager refused an interface");
 }
 
-// The library says only that the file would not open; the file often says why.
-std::string OpenHint(std::string const& file) {
-  char head[16] = {};
-  std::ifstream in(file, std::ios::binary);
-  if (in.read(head, sizeof head) && std::memcmp(head, "SQLite format 3", sizeof head) != 0)
-    return " (not an SQLite database file)";
-  return std::string();
-}
-
-[[noreturn]] void FailDatabase(char const* what, int code, std::string const& file) {
-  throw Failure(status::kDatabase, fmt::format("cannot {} the database '{}': {}{}", what, file,
-                                               LibraryReason(code), OpenHint(file)));
+// "cannot open the database 'x.db': {the library's reason}".
+[[noreturn]] void FailFile(char const* what, char const* file, std::string const& path, int code,
+                           int failStatus = status::kDatabase) {
+  auto cause = CauseOf(code);
+  auto const text = fmt::format("cannot {} {} '{}': {}", what, file, path, Explain(nullptr, cause));
+  throw Failure(failStatus, text, std::move(cause));
 }
 
 char const* KindOf(mode_t mode) {
@@ -97,32 +93,22 @@ char const* KindOf(mode_t mode) {
 
 }  // namespace
 
-void CheckFile(std::string const& file, bool mayBeMissing, char const* what, int failStatus) {
+void CheckFile(std::string const& file, char const* what, int failStatus) {
   struct stat info {};
-  if (::stat(file.c_str(), &info) == 0) {
-    if (S_ISREG(info.st_mode)) return;
-    throw Failure(failStatus, fmt::format("{} '{}' is {}, not a regular file", what, file,
-                                          KindOf(info.st_mode)));
-  }
-  if (errno != ENOENT)
-    throw Failure(failStatus,
-                  fmt::format("cannot reach {} '{}': {}", what, file, std::strerror(errno)));
-  if (!mayBeMissing) throw Failure(failStatus, fmt::format("{} '{}' does not exist", what, file));
-  auto folder = std::filesystem::path(file).parent_path();
-  if (folder.empty()) folder = ".";
-  std::error_code error;
-  if (!std::filesystem::is_directory(folder, error))
-    throw Failure(failStatus, fmt::format("the folder of {} '{}' does not exist", what, file));
+  // A missing file is the library's to judge: reads refuse it, changes create it.
+  if (::stat(file.c_str(), &info) != 0 || S_ISREG(info.st_mode)) return;
+  throw Failure(failStatus,
+                fmt::format("{} '{}' is {}, not a regular file", what, file, KindOf(info.st_mode)));
 }
 
 Session::Session(std::string dbPath) : dbPath_(std::move(dbPath)) {}
 
 settings_manager::ISettingsManager& Session::Manager() {
   if (manager_) return *manager_;
-  if (!InMemory()) CheckFile(dbPath_, true, "the database", status::kDatabase);
+  if (!InMemory()) CheckFile(dbPath_, "the database", status::kDatabase);
   std::shared_ptr<settings_manager::ISettingsManager> manager;
   if (int const code = settings_manager::CreateSettingsManager({dbPath_}, manager); code != rc::kOk)
-    FailDatabase("open", code, dbPath_);
+    FailFile("open", "the database", dbPath_, code);
   using M = settings_manager::ISettingsManager;
   Take(*manager, &M::GetSettingsGetter, getter_);
   Take(*manager, &M::GetSettingsCreator, creator_);
@@ -142,10 +128,11 @@ Setting Session::Read(uvc::Path const& path) {
     code =
         path.empty() ? settings_manager::GetTree(manager, node) : getter_->GetSetting(path, node);
   } else {
-    CheckFile(dbPath_, false, "the database", status::kDatabase);
+    CheckFile(dbPath_, "the database", status::kDatabase);
     code = settings_manager::ReadSettingFromFile(dbPath_, path, node);
     // Nothing found is an answer; anything else is the file's failure.
-    if (code != rc::kOk && StatusOf(code) == status::kDatabase) FailDatabase("read", code, dbPath_);
+    if (code != rc::kOk && StatusOf(code) == status::kDatabase)
+      FailFile("read", "the database", dbPath_, code);
   }
   if (code != rc::kOk) Fail(code);
   return node;
@@ -185,6 +172,7 @@ bool Session::Changed(int code, uvc::Path const& path) {
     return true;
   }
   if (code == rc::kFalse) return false;
+  if (StatusOf(code) == status::kDatabase) FailFile("change", "the database", dbPath_, code);
   Fail(code);
 }
 
@@ -236,26 +224,25 @@ bool Session::Edit(std::function<void(Setting& tree)> const& edit) {
   });
   if (refusal) throw *refusal;
   if (code == rc::kFalse) return false;
-  if (code != rc::kOk) Fail(code);
+  if (code != rc::kOk) Changed(code, uvc::Path());
   changes_.insert(changes_.end(), changed.begin(), changed.end());
   return true;
 }
 
 bool Session::Restore(std::string const& backup) {
-  CheckFile(backup, false, "the backup", status::kBadInput);
+  CheckFile(backup, "the backup", status::kBadInput);
   Setting restored;
   if (int const code = settings_manager::ReadSettingFromFile(backup, uvc::Path(), restored);
       code != rc::kOk)
-    throw Failure(status::kBadInput, fmt::format("'{}' is not a settings database: {}{}", backup,
-                                                 LibraryReason(code), OpenHint(backup)));
+    FailFile("read", "the backup", backup, code, status::kBadInput);
   return Edit([&restored](Setting& tree) { std::swap(tree, restored); });
 }
 
 void Session::Backup(std::string const& destination) {
   if (InMemory()) throw UsageFailure("a tree in memory has no database to back up");
-  CheckFile(dbPath_, false, "the database", status::kDatabase);
+  CheckFile(dbPath_, "the database", status::kDatabase);
   if (int const code = settings_manager::BackupDatabase(dbPath_, destination); code != rc::kOk)
-    Fail(code);
+    FailFile("back up", "the database", dbPath_, code);
 }
 
 settings_manager::SubscriptionId Session::Subscribe(

@@ -68,10 +68,10 @@ class Session {
   std::vector<uvc::Path> changes_;
 };
 
-// Checks that `file` is a regular file, or (when `mayBeMissing`) absent from a folder
-// that exists: FIFOs, devices and folders are refused before anything opens them.
-// `what` names the file in messages ("the database", "the backup"). Throws a Failure with
-// `failStatus`.
-void CheckFile(std::string const& file, bool mayBeMissing, char const* what, int failStatus);
+// Refuses `file` when it names a FIFO, a device, a folder or a socket, before anything
+// opens it (a FIFO would block the reader, a device take a journal beside it). A missing
+// file passes: the library refuses it to reads and creates it for changes. `what` names
+// the file in messages ("the database", "the backup"). Throws a Failure with `failStatus`.
+void CheckFile(std::string const& file, char const* what, int failStatus);
 
 }  // namespace settingsctl
