@@ -101,7 +101,9 @@ int Run(int argc, char** argv, Style& style) {
   app.add_flag("--json", request.style.json, "JSON output, and errors as JSON lines");
   app.add_flag("-q,--quiet", request.style.quiet,
                "print only the data asked for: no outcome and no error lines");
-  app.add_flag("-v,--verbose", verbose, "show the library's own log records too");
+  app.add_flag("-v,--verbose", verbose,
+               "show the library's log records on standard error: info and above, or the "
+               "level SETTINGS_MANAGER_LOG_LEVEL names");
   AddVerbs(app, request, true);
   app.footer(Footer());  // after the verbs, which would inherit it
 

@@ -49,9 +49,13 @@ void ShowLibraryRecords(bool shown) {
     if (!shown) return;
     static constexpr char const* kNames[] = {"trace", "debug", "info", "warning", "error", "fatal"};
     auto const level = static_cast<std::size_t>(record.level);
-    auto const line =
-        fmt::format("library {}: {}\n", level < 6 ? kNames[level] : "?", record.message);
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    try {
+      auto const line =
+          fmt::format("library {}: {}\n", level < 6 ? kNames[level] : "?", record.message);
+      std::fwrite(line.data(), 1, line.size(), stderr);
+    } catch (...) {
+      // A sink must not throw; out of memory, the record is lost.
+    }
   });
   if (!shown)
     logging::SetThreshold(logging::Level::Off);  // records are not even made
