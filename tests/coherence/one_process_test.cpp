@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <thread>
@@ -177,6 +178,26 @@ TEST_F(TwoManagers, EveryKindOfReadSeesTheOtherManagersChange) {
     }
     EXPECT_TRUE(seen);
     ASSERT_EQ(Change(a, 'd', "s/x"), 0);
+  }
+}
+
+// Managers that open a new file at the same moment each find, or make, its one schema.
+TEST(NewFile, ManagersOpeningItTogetherAllSucceed) {
+  reliability::QuietLog quiet;
+  test_support::TempDir dir;
+  for (int round = 0; round < 20; ++round) {
+    std::string const db = dir.File("new" + std::to_string(round) + ".db");
+    std::vector<int> results(6, -1);
+    std::atomic<int> waiting{static_cast<int>(results.size())};
+    std::vector<std::thread> openers;
+    for (auto& result : results)
+      openers.emplace_back([&] {
+        for (--waiting; waiting > 0;) std::this_thread::yield();
+        Client client;
+        result = client.Open(db);
+      });
+    for (auto& opener : openers) opener.join();
+    EXPECT_EQ(results, std::vector<int>(results.size(), 0)) << "round " << round;
   }
 }
 
