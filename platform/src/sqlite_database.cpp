@@ -3,7 +3,9 @@
 #include <sqlite3.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "sqlite_failure.h"
 #include "sqlite_like.h"
@@ -84,6 +86,23 @@ int PageCount(sqlite3* db, int& pages) noexcept {
   return rc;
 }
 
+// Switches a new, empty file to WAL. Another connection making the same file at the same
+// moment may hold its lock, and then the switch fails at once with SQLITE_BUSY (SQLite
+// does not wait there): it is tried again until that connection has made the file (which
+// then keeps the mode it was given) or the busy timeout has passed.
+int SwitchNewFileToWal(sqlite3* db) noexcept {
+  auto const deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+  for (;;) {
+    int const rc = Exec(db, "PRAGMA journal_mode=WAL");
+    if ((rc & 0xFF) != SQLITE_BUSY || std::chrono::steady_clock::now() >= deadline) return rc;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    int pages = 0;
+    if (int const counted = PageCount(db, pages); counted != SQLITE_OK) return counted;
+    if (pages != 0) return SQLITE_OK;
+  }
+}
+
 // Whether the connection commits by unlinking a rollback journal (journal_mode=DELETE).
 int DeletesJournal(sqlite3* db, bool& deletes) noexcept {
   sqlite3_stmt* statement = nullptr;
@@ -112,7 +131,7 @@ int Configure(sqlite3* db, bool readOnly) noexcept {
   if (pages == 0 && !readOnly) {
     // Text goes in and out as UTF-8 bytes; a file of another encoding would convert it.
     if (int rc = Exec(db, "PRAGMA encoding='UTF-8'"); rc != SQLITE_OK) return rc;
-    if (int rc = Exec(db, "PRAGMA journal_mode=WAL"); rc != SQLITE_OK) return rc;
+    if (int rc = SwitchNewFileToWal(db); rc != SQLITE_OK) return rc;
   }
   // FULL: in WAL mode a commit that returned survives a power cut (NORMAL may lose it),
   // for one fsync of the log. A file that keeps a DELETE-mode rollback journal commits

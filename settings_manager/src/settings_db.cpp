@@ -60,8 +60,14 @@ bool SettingsDB::TableExists(char const* name) const {
 bool SettingsDB::VerifySchema() const {
   settings_manager::log::Text(LogLevel::Info, kDbSource, __LINE__, "VerifySchema",
                               "[SMDB] VerifySchema...");
-  bool const data = TableExists("data");
-  bool const meta = TableExists("meta");
+  bool data = TableExists("data");
+  bool meta = TableExists("meta");
+  if (data != meta) {
+    // Another connection may have made both (in one transaction) between the two looks:
+    // once one is seen, a second look sees both.
+    data = TableExists("data");
+    meta = TableExists("meta");
+  }
   if (!data && !meta) return false;  // a fresh file
   Check(data && meta, "Inconsistent db state: data/meta", data, meta);
 
@@ -82,6 +88,9 @@ void SettingsDB::CreateSchema() const {
   // A half-made schema is rolled back when any step fails.
   db_wrappers::TransactionMonitor<sqlite::IDatabase> transaction(db_);
   Check(transaction.Begin(), "CreateSchema: begin transaction");
+  // Another connection opening the new file at the same time may have made it first;
+  // holding the write lock, this look is final.
+  if (TableExists("data") || TableExists("meta")) return;
   Exec(stmt::kCreateData);
   Exec(stmt::kCreateMeta);
   Query insert(db_);

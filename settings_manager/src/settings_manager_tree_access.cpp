@@ -35,6 +35,7 @@ int SettingsManager::ListChildren(uvc::Path const& path, std::vector<ChildInfo>&
   try {
     if (!path.empty()) Check(path);
     std::vector<ChildInfo> children;
+    RefreshIfStale();
     {
       std::shared_lock<std::shared_mutex> lock(treeLock);
       Setting const& node = uvc::GetItem(tree, path);
@@ -59,6 +60,7 @@ int SettingsManager::ListChildren(uvc::Path const& path, std::vector<ChildInfo>&
 int SettingsManager::GetTree(Setting& out) const {
   try {
     Setting copy;
+    RefreshIfStale();
     {
       std::shared_lock<std::shared_mutex> lock(treeLock);
       copy = tree;

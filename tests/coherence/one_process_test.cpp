@@ -5,11 +5,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "load.h"
 #include "reliability_util.h"
+#include "settings_manager/tree_access.h"
 #include "support/sqlite_file.h"
 #include "support/temp_dir.h"
 #include "tree_diff.h"
@@ -125,6 +128,77 @@ TEST_F(TwoManagers, ReadsSeeTheOtherManagersChanges) {
   EXPECT_TRUE(seen("2", false));
   ASSERT_EQ(Change(a, 'a', "s/x", "1"), 0);
   EXPECT_TRUE(seen("2", true));
+}
+
+// Every read of the tree, the whole-tree ones too, takes in the other manager's change
+// by itself: nothing else reads or changes in between.
+TEST_F(TwoManagers, EveryKindOfReadSeesTheOtherManagersChange) {
+  using Read = std::function<bool(Client&)>;
+  auto const hasX = [](Setting const& root) {
+    auto const& s = std::get<uvc::index::kMap>(root).at("s");
+    return std::get<uvc::index::kMap>(s).count("x") == 1;
+  };
+  struct Case {
+    char const* name;
+    Read sees;
+  } const cases[] = {
+      {"GetSetting",
+       [](Client& c) {
+         Setting x;
+         return c.getter->GetSetting(P("s/x"), x) == 0;
+       }},
+      {"GetAttribute",
+       [](Client& c) {
+         settings_manager::Attributes mark;
+         return c.getter->GetAttribute(P("s/x"), mark) == 0;
+       }},
+      {"GetTree",
+       [&](Client& c) {
+         Setting root;
+         return settings_manager::GetTree(*c.manager, root) == 0 && hasX(root);
+       }},
+      {"ListChildren",
+       [](Client& c) {
+         std::vector<settings_manager::ChildInfo> children;
+         return settings_manager::ListChildren(*c.manager, P("s"), children) == 0 &&
+                children.size() == 1;
+       }},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.name);
+    Client reader;
+    ASSERT_EQ(reader.Open(db), 0);
+    ASSERT_FALSE(c.sees(reader));
+    ASSERT_EQ(Change(a, 'c', "s/x", "1"), 0);
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    bool seen = false;
+    while (!seen && std::chrono::steady_clock::now() < deadline) {
+      seen = c.sees(reader);
+      if (!seen) std::this_thread::yield();
+    }
+    EXPECT_TRUE(seen);
+    ASSERT_EQ(Change(a, 'd', "s/x"), 0);
+  }
+}
+
+// Managers that open a new file at the same moment each find, or make, its one schema.
+TEST(NewFile, ManagersOpeningItTogetherAllSucceed) {
+  reliability::QuietLog quiet;
+  test_support::TempDir dir;
+  for (int round = 0; round < 20; ++round) {
+    std::string const db = dir.File("new" + std::to_string(round) + ".db");
+    std::vector<int> results(6, -1);
+    std::atomic<int> waiting{static_cast<int>(results.size())};
+    std::vector<std::thread> openers;
+    for (auto& result : results)
+      openers.emplace_back([&] {
+        for (--waiting; waiting > 0;) std::this_thread::yield();
+        Client client;
+        result = client.Open(db);
+      });
+    for (auto& opener : openers) opener.join();
+    EXPECT_EQ(results, std::vector<int>(results.size(), 0)) << "round " << round;
+  }
 }
 
 // While another connection holds the file's write lock (a long transaction may hold it
