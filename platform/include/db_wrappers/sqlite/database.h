@@ -156,12 +156,17 @@ class Query {
 
  private:
   // The connection builds the Queries of Begin, Commit and Rollback from its own handle:
-  // it has no unique_ptr to itself to pass to the public constructor.
+  // it has no unique_ptr to itself to pass to the public constructor. Those statements
+  // are the connection's, kept prepared: such a Query shows one and never finalizes it.
   friend class SqliteDatabase;
   explicit Query(sqlite3* connection) noexcept : connection_(connection) {}
+  Query(sqlite3* connection, sqlite3_stmt* lent) noexcept
+      : connection_(connection), statement_(lent), owned_(false) {}
+  void Release() noexcept;
 
   sqlite3* connection_ = nullptr;
   sqlite3_stmt* statement_ = nullptr;
+  bool owned_ = true;
 };
 
 }  // namespace db_wrappers::sqlite
