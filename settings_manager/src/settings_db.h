@@ -155,6 +155,11 @@ class SettingsDB {
   bool TableExists(char const* name) const;
   bool ChangeLogExists() const;
   void Record(std::string const& path, std::uint64_t generation) const;
+  // The connection's data version: it moves whenever the file changed (SQLite's
+  // SQLITE_FCNTL_DATA_VERSION). False when the file cannot tell.
+  bool DataVersion(unsigned& version) const noexcept;
+  // Remembers `generation` as the file's at the data version now.
+  void KnowGeneration(std::uint64_t generation) const noexcept;
   std::uint64_t SingleNumber(Statement& statement) const;
 
   // Prepares `statement` unless it is, binds the arguments from position 1 and takes the
@@ -183,6 +188,12 @@ class SettingsDB {
   dev_t device_ = 0;  // the file opened: a path that names another one is refused
   ino_t inode_ = 0;
   mutable bool changeLog_ = false;  // `changes` seen; a table is never dropped by us
+  // The file's generation as last read or committed here, and the data version then.
+  mutable struct {
+    std::uint64_t number = 0;
+    unsigned version = 0;
+    bool known = false;
+  } generation_;
 
   // Declared after db_: finalized before the connection closes.
   mutable Statement tableExists_{statements::kTableExists};
