@@ -1,19 +1,21 @@
-// Durable changes: each operation of the library against the raw transaction of the same
-// statements, prepared once, on an identical file with the same connection settings.
+// Durable changes: each operation of the library against two floors measured on identical
+// copies of the file with the same connection settings, and against one fsync:
 //
 //   change/<Operation>/lib/N     the manager's operation on a tree of N leaves
-//   change/<Operation>/floor/N   the same statements on a copy of the same file
-//   change/store.Set/lib/N       the store alone (SettingsDB::Set) for the SetValue rows:
-//                                tells the store's share of the library's excess
-//   change/SetValue/floor_prepared_each_time/N   the floor's transaction with its
-//                                statements prepared anew each time, as the store does
-//   floor/fsync, floor/prepare4  orientation: one fsync, preparing a change's statements
+//   change/<Operation>/floor/N   the same statements as the library runs, prepared once, with
+//                                the raw C API: BEGIN IMMEDIATE, the index-range DELETE and
+//                                the INSERTs (SetAttribute: the UPDATE), the change-log
+//                                row (pruned as the library prunes it), COMMIT
+//   change/<Operation>/range/N   the data rows alone, through the index range: the same
+//                                transaction without the change log (SetAttribute: the
+//                                UPDATE, DeleteSetting: the DELETE, each on its own)
+//   floor/fsync                  one small write made durable, in the same folder
 //
-// The library's own work, free of the disk's noise:
+// CreateSetting adds a leaf to a small map deep in the tree (a3/b7/s, four leaves), and
+// DeleteSetting removes it again, the other half of each pair untimed.
+//
+// The library's own work, free of the disk:
 //   change/SetValue/lib_without_database/10000   SetValue on a manager without a database
-//   change/nosync/floor/1000, change/nosync/floor_prepared_each_time/1000
-//       the floor's transaction on a copy with synchronous=OFF (no fsync), its statements
-//       prepared once and prepared anew each time: what re-preparing really costs
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -32,25 +34,123 @@ namespace {
 namespace stmt = settings_db::statements;
 using benchmark::State;
 
-// Everything one tree size needs, kept for the whole run: the library's manager on one
-// copy of the template, the floor's connection on another, the store alone on a third.
+// The small map that CreateSetting adds to, and the leaf it adds.
+uvc::Path SmallMap() { return Parse("a3/b7/s"); }
+sm::Setting SmallMapValue() {
+  std::map<std::string, sm::Setting, std::less<>> leaves;
+  for (int i = 0; i < 4; ++i) leaves.emplace("x" + std::to_string(i), sm::Setting(i));
+  return sm::Setting(std::move(leaves));
+}
+
+// A copy of the template with the small map in it.
+std::string CopyWithSmallMap(std::size_t leaves, std::string const& stem) {
+  auto file = CopyOfTemplate(leaves, stem);
+  settings_db::SettingsDB(file).Set(Records(SmallMap(), SmallMapValue()));
+  return file;
+}
+
+// The raw side of a change: the statements the library runs, prepared once. With the
+// change log, each change records its subtree as the library records it.
+class RawSide {
+ public:
+  RawSide(std::string const& file, bool logged)
+      : db_(file),
+        logged_(logged),
+        begin_(db_.Prepare("BEGIN IMMEDIATE")),
+        commit_(db_.Prepare("COMMIT")),
+        remove_(db_.Prepare(stmt::kDeleteSubtree)),
+        insert_(db_.Prepare(stmt::kInsertRow)),
+        update_(db_.Prepare(stmt::kUpdateAttrib)),
+        log_((db_.Exec(std::string(stmt::kCreateChangeLog).c_str()),
+              db_.Prepare(stmt::kInsertChange))),
+        prune_(db_.Prepare(stmt::kPruneChanges)) {}
+
+  // Replaces the subtree of the first row by the rows.
+  void Replace(Rows const& rows) {
+    Change(true, [&] {
+      Remove(rows.front().path);
+      for (auto const& row : rows) Insert(row);
+      return rows.front().path;
+    });
+  }
+  void Update(std::string const& path, sm::impl::Bytes const& attrib) {
+    Change(false, [&] {
+      update_.BindBlob(1, attrib);
+      update_.BindText(2, path);
+      Run(update_);
+      Require(sqlite3_changes(db_.Get()) == 1, "UPDATE changed no row");
+      return path;
+    });
+  }
+  void Delete(std::string const& path) {
+    Change(false, [&] {
+      Remove(path);
+      Require(sqlite3_changes(db_.Get()) == 1, "DELETE removed no row");
+      return path;
+    });
+  }
+  // The untimed halves of the create/delete pairs, in autocommit.
+  void Insert(sm::impl::RawItem const& row) {
+    insert_.BindText(1, row.path);
+    insert_.BindBlob(2, row.value);
+    insert_.BindBlob(3, row.attrib);
+    Run(insert_);
+  }
+  void Remove(std::string const& path) {
+    end_ = stmt::SubtreeEnd(path);
+    remove_.BindText(1, path);
+    remove_.BindText(2, end_);
+    Run(remove_);
+  }
+
+ private:
+  static void Run(RawStatement& statement) {
+    statement.Step();
+    statement.Reset();
+  }
+  // One change: with the change log always a transaction; without, a single statement
+  // commits on its own.
+  template <typename Body>
+  void Change(bool severalStatements, Body&& body) {
+    bool const transaction = logged_ || severalStatements;
+    if (transaction) Run(begin_);
+    try {
+      auto const path = body();
+      if (logged_) {
+        log_.BindText(2, path);
+        sqlite3_bind_int64(log_.Get(), 1, static_cast<sqlite3_int64>(++generation_));
+        Run(log_);
+        if (generation_ % 256 == 0 && generation_ > 1024) {
+          sqlite3_bind_int64(prune_.Get(), 1, static_cast<sqlite3_int64>(generation_ - 1024));
+          Run(prune_);
+        }
+      }
+      if (transaction) Run(commit_);
+    } catch (...) {
+      if (transaction) db_.Exec("ROLLBACK");
+      throw;
+    }
+  }
+
+  RawDatabase db_;
+  bool logged_;
+  std::uint64_t generation_ = 0;
+  std::string end_;
+  RawStatement begin_, commit_, remove_, insert_, update_, log_, prune_;
+};
+
+// Everything one tree size needs, kept for the whole run: the manager on one copy, each
+// floor on a copy of its own.
 struct ChangeFixture {
   explicit ChangeFixture(std::size_t leaves)
-      : libraryFile(CopyOfTemplate(leaves, "lib")),
-        floorFile(CopyOfTemplate(leaves, "floor")),
-        storeFile(CopyOfTemplate(leaves, "store")),
-        manager(OpenManager(libraryFile)),
-        floorDb(floorFile),
-        floorChange(floorDb),
-        floorUpdate(floorDb.Prepare(stmt::kUpdateAttrib)),
-        floorDelete(floorDb.Prepare(stmt::kDeleteSubtree)),
-        floorInsert(floorDb.Prepare(stmt::kInsertRow)),
-        store(std::make_unique<settings_db::SettingsDB>(storeFile)),
+      : manager(OpenManager(CopyWithSmallMap(leaves, "lib"))),
+        floor(CopyWithSmallMap(leaves, "floor"), true),
+        range(CopyWithSmallMap(leaves, "range"), false),
         valueLeaf(LeafPath(leaves, 0)),
         settingLeaf(LeafPath(leaves, 1)),
         attribLeaf(LeafPath(leaves, 2)),
         attribText(PathText(attribLeaf)),
-        created(GroupPath()) {
+        created(SmallMap()) {
     Require(manager->GetSettingsValueSetter(valueSetter) == 0, "value setter");
     Require(manager->GetSettingsSetter(setter) == 0, "setter");
     Require(manager->GetSettingsCreator(creator) == 0, "creator");
@@ -66,25 +166,20 @@ struct ChangeFixture {
       attribs[i] = sm::Attributes{i == 1};
       attribRecords[i] = sm::impl::RawAttrib(attribs[i]).attrib;
     }
-    // CreateSetting rewrites the deepest existing node's whole subtree: the group with
-    // its new leaf.
-    auto group = MakeTree(leaves);
-    auto& groupNode = uvc::GetItem(group, GroupPath());
-    std::get<uvc::index::kMap>(groupNode).emplace("n", newLeaf);
-    createRows = Records(GroupPath(), groupNode);
+    // CreateSetting rewrites the deepest existing node's subtree: the small map with its
+    // new leaf.
+    auto map = SmallMapValue();
+    std::get<uvc::index::kMap>(map).emplace("n", newLeaf);
+    createRows = Records(SmallMap(), map);
     createdRow = Records(created, newLeaf);
   }
 
-  std::string libraryFile, floorFile, storeFile;
   std::shared_ptr<sm::ISettingsManager> manager;
   std::shared_ptr<sm::ISettingsValueSetter> valueSetter;
   std::shared_ptr<sm::ISettingsSetter> setter;
   std::shared_ptr<sm::ISettingsCreator> creator;
   std::shared_ptr<sm::ISettingsDeleter> deleter;
-  RawDatabase floorDb;
-  RawChange floorChange;
-  RawStatement floorUpdate, floorDelete, floorInsert;
-  std::unique_ptr<settings_db::SettingsDB> store;
+  RawSide floor, range;
 
   uvc::Path valueLeaf, settingLeaf, attribLeaf;
   std::string attribText;
@@ -99,9 +194,8 @@ struct ChangeFixture {
   std::array<sm::impl::Bytes, 2> attribRecords;
   Rows createRows, createdRow;
 
-  // Which of the two alternating values comes next, per side (every call must change).
-  std::size_t valueNext = 0, settingNext = 0, attribNext = 1, storeNext = 0;
-  std::size_t floorValueNext = 0, floorSettingNext = 0, floorAttribNext = 1;
+  // Which of the two alternating values comes next, per operation (every call changes).
+  std::size_t next[5] = {0, 0, 1, 0, 0};
 };
 
 ChangeFixture& Fixture(std::int64_t leaves) {
@@ -115,237 +209,83 @@ void Expect(int rc, char const* what) {
   Require(rc == 0, std::string(what) + " returned " + std::to_string(rc));
 }
 
-void Nodes(State& state) {
-  state.counters["nodes"] =
-      static_cast<double>(NodeCount(static_cast<std::size_t>(state.range(0))));
+enum Side { kLib, kFloor, kRange };
+
+RawSide& Raw(ChangeFixture& f, Side side) { return side == kFloor ? f.floor : f.range; }
+
+// The alternating index of an operation on one side.
+std::size_t Next(ChangeFixture& f, int operation, Side side) {
+  auto& next = f.next[operation];
+  auto const at = (next >> side) & 1;
+  next ^= std::size_t{1} << side;
+  return at;
 }
 
-void SetValueLib(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      Expect(f.valueSetter->SetValue(f.valueLeaf, f.values[f.valueNext]), "SetValue");
-      f.valueNext ^= 1;
-    }
-    Nodes(state);
-  });
-}
-
-void SetValueFloor(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      f.floorChange.Run(f.valueRows[f.floorValueNext]);
-      f.floorValueNext ^= 1;
-    }
-    Nodes(state);
-  });
-}
-
-void SetValueFloorPreparing(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      RawChange::RunPreparing(f.floorDb, f.valueRows[f.floorValueNext]);
-      f.floorValueNext ^= 1;
-    }
-    Nodes(state);
-  });
-}
-
-// A manager without a database holding the same tree.
-struct MemoryFixture {
-  MemoryFixture() : manager(OpenManager(std::string())), leaf(LeafPath(k10k)) {
-    std::shared_ptr<sm::ISettingsCreator> creator;
-    Require(manager->GetSettingsCreator(creator) == 0, "creator");
-    Require(manager->GetSettingsValueSetter(setter) == 0, "value setter");
-    auto tree = MakeTree(k10k);
-    for (auto& [key, node] : std::get<uvc::index::kMap>(tree))
-      Require(creator->CreateSetting(uvc::Path{key}, node) == 0, "CreateSetting");
+void SetValue(State& state, Side side) {
+  auto& f = Fixture(state.range(0));
+  for (auto _ : state) {
+    auto const i = Next(f, 0, side);
+    if (side == kLib)
+      Expect(f.valueSetter->SetValue(f.valueLeaf, f.values[i]), "SetValue");
+    else
+      Raw(f, side).Replace(f.valueRows[i]);
   }
-  std::shared_ptr<sm::ISettingsManager> manager;
-  std::shared_ptr<sm::ISettingsValueSetter> setter;
-  uvc::Path leaf;
-  std::int32_t next = 1000000;
-};
-
-void SetValueWithoutDatabase(State& state) {
-  Guarded(state, [&] {
-    static MemoryFixture f;
-    for (auto _ : state)
-      Expect(f.setter->SetValue(f.leaf, sm::Setting::Value(++f.next)), "SetValue");
-  });
 }
 
-// The floor's transactions on a copy of the 1k file that does not wait for the disk.
-struct NoSyncFixture {
-  NoSyncFixture() : db(CopyOfTemplate(k1k, "nosync")), change(db) {
-    db.Exec("PRAGMA synchronous=OFF");
-    for (std::size_t i = 0; i < 2; ++i)
-      rows[i] = Records(LeafPath(k1k), sm::Setting(static_cast<std::int32_t>(3000000 + i)));
+void SetSetting(State& state, Side side) {
+  auto& f = Fixture(state.range(0));
+  for (auto _ : state) {
+    auto const i = Next(f, 1, side);
+    if (side == kLib)
+      Expect(f.setter->SetSetting(f.settingLeaf, f.settings[i]), "SetSetting");
+    else
+      Raw(f, side).Replace(f.settingRows[i]);
   }
-  RawDatabase db;
-  RawChange change;
-  std::array<Rows, 2> rows;
-  std::size_t next = 0;
-};
-
-NoSyncFixture& NoSync() {
-  static NoSyncFixture fixture;
-  return fixture;
 }
 
-void NoSyncFloor(State& state) {
-  Guarded(state, [&] {
-    auto& f = NoSync();
-    for (auto _ : state) {
-      f.change.Run(f.rows[f.next]);
-      f.next ^= 1;
-    }
-  });
+void SetAttribute(State& state, Side side) {
+  auto& f = Fixture(state.range(0));
+  for (auto _ : state) {
+    auto const i = Next(f, 2, side);
+    if (side == kLib)
+      Expect(f.setter->SetAttribute(f.attribLeaf, f.attribs[i]), "SetAttribute");
+    else
+      Raw(f, side).Update(f.attribText, f.attribRecords[i]);
+  }
 }
 
-void NoSyncFloorPreparing(State& state) {
-  Guarded(state, [&] {
-    auto& f = NoSync();
-    for (auto _ : state) {
-      RawChange::RunPreparing(f.db, f.rows[f.next]);
-      f.next ^= 1;
-    }
-  });
-}
-
-void StoreSet(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      f.store->Set(f.valueRows[f.storeNext]);
-      f.storeNext ^= 1;
-    }
-    Nodes(state);
-  });
-}
-
-void SetSettingLib(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      Expect(f.setter->SetSetting(f.settingLeaf, f.settings[f.settingNext]), "SetSetting");
-      f.settingNext ^= 1;
-    }
-    Nodes(state);
-  });
-}
-
-void SetSettingFloor(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      f.floorChange.Run(f.settingRows[f.floorSettingNext]);
-      f.floorSettingNext ^= 1;
-    }
-    Nodes(state);
-  });
-}
-
-void SetAttributeLib(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      Expect(f.setter->SetAttribute(f.attribLeaf, f.attribs[f.attribNext]), "SetAttribute");
-      f.attribNext ^= 1;
-    }
-    Nodes(state);
-  });
-}
-
-// The store updates one row in autocommit: the floor is that UPDATE alone.
-void SetAttributeFloor(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      f.floorUpdate.BindBlob(1, f.attribRecords[f.floorAttribNext]);
-      f.floorUpdate.BindText(2, f.attribText);
-      f.floorUpdate.Step();
-      f.floorUpdate.Reset();
-      Require(sqlite3_changes(f.floorDb.Get()) == 1, "floor UPDATE changed no row");
-      f.floorAttribNext ^= 1;
-    }
-    Nodes(state);
-  });
-}
-
-void FloorDeleteCreated(ChangeFixture& f) {
-  std::string const end = stmt::SubtreeEnd(f.createdText);
-  f.floorDelete.BindText(1, f.createdText);
-  f.floorDelete.BindText(2, end);
-  f.floorDelete.Step();
-  f.floorDelete.Reset();
-}
-
-void FloorInsertCreated(ChangeFixture& f) {
-  auto const& row = f.createdRow.front();
-  f.floorInsert.BindText(1, row.path);
-  f.floorInsert.BindBlob(2, row.value);
-  f.floorInsert.BindBlob(3, row.attrib);
-  f.floorInsert.Step();
-  f.floorInsert.Reset();
-}
-
-// Each iteration creates a/b/n and, with the clock stopped, deletes it again.
-void CreateSettingLib(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
+// Each iteration creates a3/b7/s/n and, with the clock stopped, deletes it again.
+void CreateSetting(State& state, Side side) {
+  auto& f = Fixture(state.range(0));
+  for (auto _ : state) {
+    if (side == kLib) {
       Expect(f.creator->CreateSetting(f.created, f.newLeaf), "CreateSetting");
       state.PauseTiming();
       Expect(f.deleter->DeleteSetting(f.created), "DeleteSetting");
-      state.ResumeTiming();
+    } else {
+      Raw(f, side).Replace(f.createRows);
+      state.PauseTiming();
+      Raw(f, side).Remove(f.createdText);
     }
-    Nodes(state);
-  });
+    state.ResumeTiming();
+  }
 }
 
-void CreateSettingFloor(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      f.floorChange.Run(f.createRows);
-      state.PauseTiming();
-      FloorDeleteCreated(f);
-      state.ResumeTiming();
-    }
-    Nodes(state);
-  });
-}
-
-// Each iteration creates a/b/n with the clock stopped, then deletes it.
-void DeleteSettingLib(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      state.PauseTiming();
+// Each iteration creates a3/b7/s/n with the clock stopped, then deletes it.
+void DeleteSetting(State& state, Side side) {
+  auto& f = Fixture(state.range(0));
+  for (auto _ : state) {
+    state.PauseTiming();
+    if (side == kLib)
       Expect(f.creator->CreateSetting(f.created, f.newLeaf), "CreateSetting");
-      state.ResumeTiming();
+    else
+      Raw(f, side).Insert(f.createdRow.front());
+    state.ResumeTiming();
+    if (side == kLib)
       Expect(f.deleter->DeleteSetting(f.created), "DeleteSetting");
-    }
-    Nodes(state);
-  });
-}
-
-// The store deletes in autocommit: the floor is that DELETE alone.
-void DeleteSettingFloor(State& state) {
-  Guarded(state, [&] {
-    auto& f = Fixture(state.range(0));
-    for (auto _ : state) {
-      state.PauseTiming();
-      FloorInsertCreated(f);
-      state.ResumeTiming();
-      FloorDeleteCreated(f);
-      Require(sqlite3_changes(f.floorDb.Get()) == 1, "floor DELETE removed no row");
-    }
-    Nodes(state);
-  });
+    else
+      Raw(f, side).Delete(f.createdText);
+  }
 }
 
 // One small write made durable, in the same folder as the database files.
@@ -366,57 +306,61 @@ void FloorFsync(State& state) {
   });
 }
 
-// What the store pays on every change for preparing its statements anew.
-void FloorPrepare4(State& state) {
+// A manager without a database holding the same tree.
+void SetValueWithoutDatabase(State& state) {
   Guarded(state, [&] {
-    RawDatabase db(TemplateFile(k10k));
-    for (auto _ : state) {
-      RawStatement begin(db.Get(), "BEGIN IMMEDIATE");
-      RawStatement remove(db.Get(), stmt::kDeleteSubtree);
-      RawStatement insert(db.Get(), stmt::kInsertRow);
-      RawStatement commit(db.Get(), "COMMIT");
-      benchmark::DoNotOptimize(commit.Get());
-    }
+    static auto const manager = [] {
+      auto made = OpenManager(std::string());
+      std::shared_ptr<sm::ISettingsCreator> creator;
+      Require(made->GetSettingsCreator(creator) == 0, "creator");
+      auto tree = MakeTree(k10k);
+      for (auto& [key, node] : std::get<uvc::index::kMap>(tree))
+        Require(creator->CreateSetting(uvc::Path{key}, node) == 0, "CreateSetting");
+      return made;
+    }();
+    std::shared_ptr<sm::ISettingsValueSetter> setter;
+    Require(manager->GetSettingsValueSetter(setter) == 0, "value setter");
+    auto const leaf = LeafPath(k10k);
+    static std::int32_t next = 1000000;  // every call changes, across runs too
+    for (auto _ : state) Expect(setter->SetValue(leaf, sm::Setting::Value(++next)), "SetValue");
   });
 }
 
-void Register(char const* name, void (*function)(State&)) {
-  // Few iterations per repetition and many repetitions (command line), randomly
-  // interleaved: library and floor then see the same spells of disk contention.
-  for (auto [leaves, iterations] : {std::pair{k1k, 60}, {k10k, 30}, {k100k, 8}})
-    benchmark::RegisterBenchmark(name, function)
-        ->Arg(leaves)
-        ->Iterations(iterations)
-        ->UseRealTime()
-        ->Unit(benchmark::kMicrosecond);
+using Operation = void (*)(State&, Side);
+
+void Register(std::string const& name, Operation operation) {
+  for (auto [side, label] : {std::pair{kLib, "lib"}, {kFloor, "floor"}, {kRange, "range"}}) {
+    for (auto leaves : {k1k, k10k, k100k, k1M}) {
+      benchmark::RegisterBenchmark(("change/" + name + "/" + label).c_str(),
+                                   [operation, side = side](State& state) {
+                                     Guarded(state, [&] {
+                                       operation(state, side);
+                                       state.counters["nodes"] = static_cast<double>(
+                                           NodeCount(static_cast<std::size_t>(state.range(0))));
+                                     });
+                                   })
+          ->Arg(leaves)
+          ->Iterations(40)
+          ->UseRealTime()
+          ->Unit(benchmark::kMicrosecond);
+    }
+  }
 }
 
 int const registered = [] {
-  Register("change/SetValue/lib", SetValueLib);
-  Register("change/SetValue/floor", SetValueFloor);
-  Register("change/store.Set/lib", StoreSet);
-  Register("change/SetValue/floor_prepared_each_time", SetValueFloorPreparing);
-  Register("change/SetSetting/lib", SetSettingLib);
-  Register("change/SetSetting/floor", SetSettingFloor);
-  Register("change/SetAttribute/lib", SetAttributeLib);
-  Register("change/SetAttribute/floor", SetAttributeFloor);
-  Register("change/CreateSetting/lib", CreateSettingLib);
-  Register("change/CreateSetting/floor", CreateSettingFloor);
-  Register("change/DeleteSetting/lib", DeleteSettingLib);
-  Register("change/DeleteSetting/floor", DeleteSettingFloor);
+  // Few iterations per repetition and many repetitions (command line), randomly
+  // interleaved: library and floors then see the same spells of disk contention.
+  Register("SetValue", SetValue);
+  Register("SetSetting", SetSetting);
+  Register("SetAttribute", SetAttribute);
+  Register("CreateSetting", CreateSetting);
+  Register("DeleteSetting", DeleteSetting);
   benchmark::RegisterBenchmark("floor/fsync", FloorFsync)
-      ->Iterations(200)
+      ->Iterations(100)
       ->UseRealTime()
       ->Unit(benchmark::kMicrosecond);
-  benchmark::RegisterBenchmark("floor/prepare4", FloorPrepare4)->Unit(benchmark::kMicrosecond);
   benchmark::RegisterBenchmark("change/SetValue/lib_without_database", SetValueWithoutDatabase)
       ->Arg(k10k)
-      ->Unit(benchmark::kMicrosecond);
-  benchmark::RegisterBenchmark("change/nosync/floor", NoSyncFloor)
-      ->Arg(k1k)
-      ->Unit(benchmark::kMicrosecond);
-  benchmark::RegisterBenchmark("change/nosync/floor_prepared_each_time", NoSyncFloorPreparing)
-      ->Arg(k1k)
       ->Unit(benchmark::kMicrosecond);
   return 0;
 }();

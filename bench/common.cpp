@@ -2,16 +2,15 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <system_error>
 #include <utility>
 
 #include "raw_conversion.h"
 #include "settings_db.h"
 #include "settings_db_statements.h"
 #include "sqlite_like.h"
+#include "support/temp_dir.h"
 
 namespace bench {
 
@@ -23,28 +22,6 @@ void Require(bool ok, std::string const& what) {
 }
 
 namespace {
-
-// Made on first use, so that it is destroyed after every fixture that used it.
-class TempFolder {
- public:
-  TempFolder() {
-    auto pattern = (std::filesystem::temp_directory_path() / "sm-bench-XXXXXX").string();
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    Require(mkdtemp(buffer.data()) != nullptr, "mkdtemp failed");
-    path_ = buffer.data();
-  }
-  ~TempFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempFolder(TempFolder const&) = delete;
-  TempFolder& operator=(TempFolder const&) = delete;
-  std::filesystem::path const& Path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
 
 std::size_t PerGroup(std::size_t leaves) { return std::max<std::size_t>(leaves / 100, 1); }
 
@@ -64,13 +41,17 @@ int const context = [] {
 }  // namespace
 
 std::filesystem::path const& Folder() {
-  static TempFolder const folder;
+  // Made on first use, so that it is destroyed after every fixture that used it.
+  static test_support::TempDir const folder;
   return folder.Path();
 }
 
 std::string NewFile(std::string const& stem) {
+  // A folder of its own: a manager's watcher of the folder then hears only its own file.
   static unsigned counter = 0;
-  return (Folder() / (stem + "-" + std::to_string(++counter) + ".db")).string();
+  auto const folder = Folder() / std::to_string(++counter);
+  std::filesystem::create_directory(folder);
+  return (folder / (stem + ".db")).string();
 }
 
 std::size_t NodeCount(std::size_t leaves) { return 1 + 10 + 100 + 100 * PerGroup(leaves); }
@@ -207,45 +188,6 @@ void RawDatabase::Exec(char const* sql) {
           std::string(sql) + ": " + sqlite3_errmsg(db_));
 }
 
-RawChange::RawChange(RawDatabase& db)
-    : db_(db),
-      begin_(db.Prepare("BEGIN IMMEDIATE")),
-      remove_(db.Prepare(stmt::kDeleteSubtree)),
-      insert_(db.Prepare(stmt::kInsertRow)),
-      commit_(db.Prepare("COMMIT")) {}
-
-void RawChange::Run(Rows const& rows) {
-  begin_.Step();
-  begin_.Reset();
-  try {
-    std::string const end = stmt::SubtreeEnd(rows.front().path);
-    remove_.BindText(1, rows.front().path);
-    remove_.BindText(2, end);
-    remove_.Step();
-    remove_.Reset();
-    for (auto const& row : rows) {
-      insert_.BindText(1, row.path);
-      insert_.BindBlob(2, row.value);
-      insert_.BindBlob(3, row.attrib);
-      insert_.Step();
-      insert_.Reset();
-    }
-    commit_.Step();
-    commit_.Reset();
-  } catch (...) {
-    remove_.Reset();
-    insert_.Reset();
-    commit_.Reset();
-    db_.Exec("ROLLBACK");
-    throw;
-  }
-}
-
-void RawChange::RunPreparing(RawDatabase& db, Rows const& rows) {
-  RawChange change(db);
-  change.Run(rows);
-}
-
 FloorNode MakeFloorTree(std::size_t leaves) {
   FloorNode root{FloorNode::Map{}};
   auto& rootMap = std::get<FloorNode::Map>(root.value);
@@ -327,15 +269,16 @@ FloorNode FloorLoad(std::string const& file) {
   return root;
 }
 
-void ReportLatencies(benchmark::State& state, std::vector<double> samples) {
+void ReportLatencies(benchmark::State& state, std::vector<double> samples,
+                     std::string const& prefix) {
   if (samples.empty()) return;
   std::sort(samples.begin(), samples.end());
   auto const n = samples.size();
   auto const p99 =
       std::min(n - 1, static_cast<std::size_t>(std::ceil(0.99 * static_cast<double>(n))) - 1);
-  state.counters["median_us"] = samples[n / 2];
-  state.counters["p99_us"] = samples[p99];
-  state.counters["max_us"] = samples.back();
+  state.counters[prefix + "median_us"] = samples[n / 2];
+  state.counters[prefix + "p99_us"] = samples[p99];
+  state.counters[prefix + "max_us"] = samples.back();
 }
 
 }  // namespace bench

@@ -33,6 +33,7 @@ using Rows = std::vector<sm::impl::RawItem>;
 constexpr std::int64_t k1k = 1000;
 constexpr std::int64_t k10k = 10000;
 constexpr std::int64_t k100k = 100000;
+constexpr std::int64_t k1M = 1000000;
 
 // Throws std::runtime_error(what) unless `ok`.
 void Require(bool ok, std::string const& what);
@@ -50,7 +51,7 @@ void Guarded(benchmark::State& state, Body&& body) {
 // The folder of this process's database files: made under the system's temporary
 // directory on first use, removed with everything in it at exit.
 std::filesystem::path const& Folder();
-// A path in Folder() that no other call returned.
+// A path in a new folder of Folder(), which no other call returned.
 std::string NewFile(std::string const& stem);
 
 // Nodes of a tree of `leaves` leaves.
@@ -115,20 +116,6 @@ class RawDatabase {
   sqlite3* db_ = nullptr;
 };
 
-// The store's change transaction with its statements prepared once: BEGIN IMMEDIATE,
-// DELETE of the first row's subtree, one INSERT per row, COMMIT.
-class RawChange {
- public:
-  explicit RawChange(RawDatabase& db);
-  void Run(Rows const& rows);
-  // The same transaction with every statement prepared anew, as the store does.
-  static void RunPreparing(RawDatabase& db, Rows const& rows);
-
- private:
-  RawDatabase& db_;
-  RawStatement begin_, remove_, insert_, commit_;
-};
-
 // The records of `setting` placed at `path`, as the library writes them.
 Rows Records(uvc::Path const& path, sm::Setting const& setting);
 
@@ -144,7 +131,9 @@ FloorNode const* FloorFind(FloorNode const& root, uvc::Path const& path) noexcep
 // builds the floor tree from the rows (parent found by depth, as rows come in path order).
 FloorNode FloorLoad(std::string const& file);
 
-// Latency samples in microseconds: median_us and p99_us counters.
-void ReportLatencies(benchmark::State& state, std::vector<double> samples);
+// Latency samples in microseconds: the counters <prefix>median_us, <prefix>p99_us and
+// <prefix>max_us.
+void ReportLatencies(benchmark::State& state, std::vector<double> samples,
+                     std::string const& prefix = std::string());
 
 }  // namespace bench

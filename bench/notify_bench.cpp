@@ -1,9 +1,12 @@
-// Notification: the time from a change's return to the observer's Update (manual time:
-// that latency per change; median_us and p99_us counters), and how many event threads a
-// burst of 1000 changes starts.
+// Notification: the time from the call of a change to the observer's Update (manual time:
+// that latency per change; median_us and p99_us counters; call_median_us and call_p99_us:
+// the time the call itself took, with the subscriber; return_median_us: from its return),
+// and how many event threads a burst of 1000 changes starts.
 //
 //   notify/latency/lib/db       SetValue on a file of 1k leaves, observer at the root
 //   notify/latency/lib/memory   the same on a manager without a database
+//   notify/call/lib/memory_unsubscribed   the SetValue call alone on the same tree, nobody
+//                               subscribed
 //   notify/latency/floor/thread_start   std::thread constructed to its body running
 //   notify/latency/floor/condvar_wake   notify_one to the waiting thread running
 //   notify/burst/lib/free       1000 SetValue back to back (no database)
@@ -109,7 +112,7 @@ class Recorder final : public sm::ISettingsUpdateObserver {
 struct NotifyFixture {
   // With a database: a copy of the 1k template. Without: the same leaves made by the
   // creator in memory.
-  explicit NotifyFixture(bool withDatabase, std::size_t leaves)
+  explicit NotifyFixture(bool withDatabase, std::size_t leaves, bool subscribed = true)
       : manager(OpenManager(withDatabase ? CopyOfTemplate(leaves, "notify") : std::string())) {
     Require(manager->GetSettingsValueSetter(setter) == 0, "value setter");
     if (!withDatabase) {
@@ -122,7 +125,7 @@ struct NotifyFixture {
     std::shared_ptr<sm::ISettingsUpdateSubscriber> subscriber;
     Require(manager->GetSettingsUpdateSubscriber(subscriber) == 0, "subscriber");
     sm::SubscriptionId id{};
-    Require(subscriber->Subscribe(uvc::Root(), recorder, id) == 0, "Subscribe");
+    if (subscribed) Require(subscriber->Subscribe(uvc::Root(), recorder, id) == 0, "Subscribe");
     // Every leaf of group a3/b7 in path order, for bursts on distinct paths.
     auto const group = GroupPath();
     for (std::size_t c = 0; c < leaves / 100; ++c) {
@@ -151,24 +154,30 @@ NotifyFixture& MemoryFixture() {
 }
 
 void Latency(State& state, NotifyFixture& f) {
-  std::vector<double> samples;
+  std::vector<double> samples, calls, afterReturn;
   samples.reserve(static_cast<std::size_t>(state.max_iterations));
+  calls.reserve(static_cast<std::size_t>(state.max_iterations));
   auto const threadsBefore = f.recorder->Threads();
   auto const& leaf = f.leavesOfGroup[f.leavesOfGroup.size() / 2];
   for (auto _ : state) {
     auto const before = f.recorder->Count();
+    auto const called = Clock::now();
     int const rc = f.setter->SetValue(leaf, sm::Setting::Value(++f.next));
     auto const returned = Clock::now();
     Require(rc == 0, "SetValue returned " + std::to_string(rc));
     auto const updated = f.recorder->WaitFor(before + 1);
-    // An Update that ran before the caller got control back counts as no delay.
-    double const us = std::max(0.0, Microseconds(updated - returned));
+    double const us = Microseconds(updated - called);
     state.SetIterationTime(us * 1e-6);
     samples.push_back(us);
+    calls.push_back(Microseconds(returned - called));
+    // An Update that ran before the caller got control back counts as no delay.
+    afterReturn.push_back(std::max(0.0, Microseconds(updated - returned)));
   }
   state.counters["new_thread_share"] = static_cast<double>(f.recorder->Threads() - threadsBefore) /
                                        static_cast<double>(state.iterations());
   ReportLatencies(state, std::move(samples));
+  ReportLatencies(state, std::move(calls), "call_");
+  ReportLatencies(state, std::move(afterReturn), "return_");
 }
 
 void LatencyDb(State& state) {
@@ -177,6 +186,24 @@ void LatencyDb(State& state) {
 
 void LatencyMemory(State& state) {
   Guarded(state, [&] { Latency(state, MemoryFixture()); });
+}
+
+// The same SetValue on the same tree with nobody subscribed.
+void CallUnsubscribed(State& state) {
+  Guarded(state, [&] {
+    static NotifyFixture f(false, k100k, false);
+    std::vector<double> calls;
+    calls.reserve(static_cast<std::size_t>(state.max_iterations));
+    auto const& leaf = f.leavesOfGroup[f.leavesOfGroup.size() / 2];
+    for (auto _ : state) {
+      auto const called = Clock::now();
+      Require(f.setter->SetValue(leaf, sm::Setting::Value(++f.next)) == 0, "SetValue");
+      double const us = Microseconds(Clock::now() - called);
+      state.SetIterationTime(us * 1e-6);
+      calls.push_back(us);
+    }
+    ReportLatencies(state, std::move(calls), "call_");
+  });
 }
 
 void ThreadStartFloor(State& state) {
@@ -272,6 +299,11 @@ BENCHMARK(LatencyDb)
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK(LatencyMemory)
     ->Name("notify/latency/lib/memory")
+    ->Iterations(1000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(CallUnsubscribed)
+    ->Name("notify/call/lib/memory_unsubscribed")
     ->Iterations(1000)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);

@@ -8,6 +8,8 @@ packages=(
   libsqlite3-dev sqlite3 libfmt-dev
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  # Only the benchmarks link these: changes per second beside LMDB and LevelDB.
+  liblmdb-dev libleveldb-dev
   binutils help2man
   make doxygen dpkg-dev debhelper lintian
 )

@@ -148,10 +148,13 @@ S& SetItem(S& node, Id const& id, S&& value, EditMode mode) {
   auto const* key = std::get_if<1>(&id);
   auto* map = std::get_if<index::kMap>(&node);
   if (key == nullptr || map == nullptr) throw kErrorNotMatched;
-  auto it = map->find(*key);
-  if (it == map->end()) {
+  // Keys often come in order (a tree read back from its sorted rows): a key above the last
+  // one goes to the end without a search.
+  auto it = !map->empty() && map->key_comp()(map->rbegin()->first, *key) ? map->end()
+                                                                         : map->lower_bound(*key);
+  if (it == map->end() || map->key_comp()(*key, it->first)) {
     if (!(mode & edit_mode::Insert)) throw kErrorNotFound;
-    return map->emplace(*key, std::move(value)).first->second;
+    return map->emplace_hint(it, *key, std::move(value))->second;
   }
   if (!(mode & edit_mode::Replace)) throw kErrorFound;
   it->second = std::move(value);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <system_error>
 
@@ -96,6 +97,10 @@ FileWatcher::Batch FileWatcher::Drain() noexcept {
         if (found == names_.begin() && (event->mask & kEntry) != 0) batch.replaced = true;
       }
     }
+    // A read that did not fill the buffer took all there was: an event made since wakes
+    // the next wait at once, without a read here that finds nothing.
+    if (static_cast<std::size_t>(got) < sizeof buffer - sizeof(inotify_event) - NAME_MAX - 1)
+      return batch;
   }
 }
 

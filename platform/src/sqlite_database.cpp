@@ -23,18 +23,21 @@ class SqliteDatabase final : public IDatabase {
 
   // close_v2: a Query that outlives its connection still finalizes safely; the handle is
   // freed with the last statement.
-  ~SqliteDatabase() override { sqlite3_close_v2(handle_); }
+  ~SqliteDatabase() override {
+    for (sqlite3_stmt* statement : {begin_, commit_, rollback_}) sqlite3_finalize(statement);
+    sqlite3_close_v2(handle_);
+  }
 
   // IMMEDIATE takes the write lock at once: two writers that each began deferred could
   // both hold read locks and then deadlock upgrading.
-  Query Begin() override { return Run("BEGIN IMMEDIATE"); }
+  Query Begin() override { return Run(begin_, "BEGIN IMMEDIATE"); }
   Query Commit() override {
     failure::Clear();
     if (int rc = reserve_.Reserve(); rc != SQLITE_OK) {
       failure::Record(sqlite3_errstr(rc), rc);
       return Query(handle_);
     }
-    Query committed = Run("COMMIT");
+    Query committed = Run(commit_, "COMMIT");
     // A commit the full disk refused is rolled back; the log's room is for the next try.
     if (committed.Statement() == nullptr && space::IsFull(sqlite3_extended_errcode(handle_)) &&
         sqlite3_get_autocommit(handle_) != 0)
@@ -44,7 +47,7 @@ class SqliteDatabase final : public IDatabase {
   // The reason of the failure that led to it stays the one remembered.
   Query Rollback() override {
     failure::Kept const kept;
-    return Run("ROLLBACK", false);
+    return Run(rollback_, "ROLLBACK", false);
   }
 
   bool ReclaimRoom() noexcept override {
@@ -56,15 +59,27 @@ class SqliteDatabase final : public IDatabase {
   sqlite3* Handle() const noexcept override { return handle_; }
 
  private:
-  // A failed statement comes back as an empty Query: Statement() is null.
-  Query Run(char const* sql, bool newStep = true) {
+  // Runs one of the transaction statements, prepared on first use and kept (every change
+  // runs two of them). A failed statement comes back as an empty Query: Statement() is
+  // null. Reset at once, so that none stays active.
+  Query Run(sqlite3_stmt*& statement, char const* sql, bool newStep = true) {
     if (newStep) failure::Clear();
-    Query query(handle_);
-    if (fdn::Failed(query.Prepare(sql)) || fdn::Failed(query.Next())) return Query(handle_);
-    return query;
+    int rc = statement != nullptr ? SQLITE_OK
+                                  : sqlite3_prepare_v2(handle_, sql, -1, &statement, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_step(statement);
+    if (rc != SQLITE_DONE) {
+      failure::Record(handle_, rc);
+      if (statement != nullptr) sqlite3_reset(statement);
+      return Query(handle_);
+    }
+    sqlite3_reset(statement);
+    return Query(handle_, statement);
   }
 
   sqlite3* handle_;
+  sqlite3_stmt* begin_ = nullptr;
+  sqlite3_stmt* commit_ = nullptr;
+  sqlite3_stmt* rollback_ = nullptr;
   space::CommitReserve reserve_{handle_};  // finalized after the close: close_v2 waits
 };
 

@@ -69,22 +69,29 @@ Query::Query(std::unique_ptr<IDatabase> const& db) noexcept
 
 Query::Query(Query&& other) noexcept
     : connection_(std::exchange(other.connection_, nullptr)),
-      statement_(std::exchange(other.statement_, nullptr)) {}
+      statement_(std::exchange(other.statement_, nullptr)),
+      owned_(std::exchange(other.owned_, true)) {}
 
 Query& Query::operator=(Query&& other) noexcept {
   if (this != &other) {
-    sqlite3_finalize(statement_);
+    Release();
     connection_ = std::exchange(other.connection_, nullptr);
     statement_ = std::exchange(other.statement_, nullptr);
+    owned_ = std::exchange(other.owned_, true);
   }
   return *this;
 }
 
-Query::~Query() { sqlite3_finalize(statement_); }
+Query::~Query() { Release(); }
+
+void Query::Release() noexcept {
+  if (owned_) sqlite3_finalize(statement_);
+  statement_ = nullptr;
+  owned_ = true;
+}
 
 int Query::Prepare(std::string_view sql) {
-  sqlite3_finalize(statement_);
-  statement_ = nullptr;
+  Release();
   if (connection_ == nullptr || sql.empty()) return MakeError(SQLITE_MISUSE);
   if (sql.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()))
     return MakeError(SQLITE_TOOBIG);

@@ -46,8 +46,14 @@ int CommitReserve::Reserve() noexcept {
     bytes = sqlite3_column_int64(pageCount_, 0) * pageSize_;
   sqlite3_reset(pageCount_);
   if (bytes == 0) return SQLITE_OK;  // nothing to reserve
+  // The file still holds what the last commit reserved unless the database shrank since
+  // (auto-vacuum, VACUUM), which moves the page count: the same count needs no new
+  // reserve, which would cost a system call (fstat) in every commit.
+  if (bytes == reserved_) return SQLITE_OK;
   int const rc = sqlite3_file_control(db_, "main", SQLITE_FCNTL_SIZE_HINT, &bytes);
-  return rc == SQLITE_OK || rc == SQLITE_NOTFOUND ? SQLITE_OK : SQLITE_FULL;
+  if (rc != SQLITE_OK && rc != SQLITE_NOTFOUND) return SQLITE_FULL;
+  reserved_ = bytes;
+  return SQLITE_OK;
 }
 
 bool ReclaimLog(sqlite3* db) noexcept {

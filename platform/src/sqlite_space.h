@@ -30,6 +30,7 @@ class CommitReserve {
   sqlite3* db_;
   sqlite3_stmt* pageCount_ = nullptr;
   long long pageSize_ = 0;
+  long long reserved_ = 0;  // the bytes of the last reserve that succeeded
 };
 
 // Folds the whole log into the database file, so that the next transaction writes the

@@ -28,4 +28,10 @@ uvc::Result Serialize(uvc::aux::RefRange const& path, Setting const& setting,
 uvc::Result Deserialize(std::vector<impl::RawItem> const& items, uvc::Path& headPath,
                         Setting& head);
 
+// The same from records read one at a time, so that no record is held once placed. The
+// result is that of the same records in a vector; a failure of the source itself (it
+// could not read a record) is no result: its exception leaves, after the source has been
+// read to its end when a record could not be decoded.
+uvc::Result Deserialize(impl::RawSource& rows, uvc::Path& headPath, Setting& head);
+
 }  // namespace settings_manager

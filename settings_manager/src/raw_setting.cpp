@@ -41,11 +41,13 @@ void PutWord(Bytes& bytes, std::size_t offset, std::uint64_t word) noexcept {
     bytes[offset + i] = static_cast<std::uint8_t>(word >> (8 * i));
 }
 
-std::uint64_t GetWord(Bytes const& bytes, std::size_t offset) noexcept {
+std::uint64_t GetWord(std::uint8_t const* bytes, std::size_t offset) noexcept {
   std::uint64_t word = 0;
   for (std::size_t i = 0; i < kWordSize; ++i) word |= std::uint64_t{bytes[offset + i]} << (8 * i);
   return word;
 }
+
+ByteView ViewOf(Bytes const& bytes) noexcept { return {bytes.data(), bytes.size()}; }
 
 // Header plus a stored payload length; saturates so that a damaged length near 2^64
 // cannot wrap into a need the record seems to meet.
@@ -63,7 +65,7 @@ T LowBytes(std::uint64_t word) noexcept {
 
 // A value's bytes: a scalar's own, a string's characters, a byte string's bytes;
 // containers and None have none.
-struct ViewOf {
+struct ValueBytes {
   View operator()(uvc_sm::None const&) const noexcept { return {nullptr, 0}; }
   View operator()(std::vector<Setting> const&) const noexcept { return {nullptr, 0}; }
   View operator()(Map const&) const noexcept { return {nullptr, 0}; }
@@ -89,13 +91,32 @@ void DropValue(Setting& out) noexcept {
   }
 }
 
+// The routines of strings and byte strings; `word` is the record's word. The word of a
+// string counts the terminator. Word 0 wraps the length: the old value goes first, then
+// the build throws std::length_error.
+void ReadString(ByteView value, Setting& out, std::uint64_t word) {
+  Raw::Check(value, NeedWith(word));
+  if (word == 0) DropValue(out);
+  auto const length = static_cast<std::size_t>(word - 1);
+  auto& text = out.emplace<ix::kString>(length, '\0');
+  if (length != 0) std::memcpy(text.data(), value.data + Raw::kHeaderSize, length);
+}
+
+void ReadBytes(ByteView value, Setting& out, std::uint64_t word) {
+  Raw::Check(value, NeedWith(word));
+  auto const* begin = value.data + Raw::kHeaderSize;
+  out.emplace<ix::kBytes>(begin, begin + static_cast<std::ptrdiff_t>(word));
+}
+
 }  // namespace
 
-void Raw::Check(Bytes const& data, std::size_t need) {
-  if (data.size() < need)
-    throw uvc::Error(fdn::rc::kInvalidSize,
-                     fmt::format("[RawSetting] Insufficient raw data size: fact/plan = {}/{}",
-                                 data.size(), need));
+void Raw::Check(Bytes const& data, std::size_t need) { Check(ViewOf(data), need); }
+
+void Raw::Check(ByteView data, std::size_t need) {
+  if (data.size < need)
+    throw uvc::Error(
+        fdn::rc::kInvalidSize,
+        fmt::format("[RawSetting] Insufficient raw data size: fact/plan = {}/{}", data.size, need));
 }
 
 std::uint64_t Raw::Data(std::pair<void const*, std::size_t> view) {
@@ -118,12 +139,16 @@ RawAttrib::RawAttrib(Attributes const& attributes) : attrib(kHeaderSize, 0) {
 }
 
 void RawAttrib::DeserializeAttrib(Attributes& out) const {
-  Check(attrib, kHeaderSize);
-  auto const version = GetWord(attrib, 0);
-  if (version != kAttribVersion)
+  RawView{{}, {}, ViewOf(attrib)}.DeserializeAttrib(out);
+}
+
+void RawView::DeserializeAttrib(Attributes& out) const {
+  Raw::Check(attrib, Raw::kHeaderSize);
+  auto const version = GetWord(attrib.data, 0);
+  if (version != Raw::kAttribVersion)
     throw uvc::Error(fdn::rc::kInvalidVersion,
                      fmt::format("[RawSetting] Invalid attrib version: {:#x}", version));
-  out.readOnly = (attrib[kSecondWord] & 1u) != 0;
+  out.readOnly = (attrib.data[kSecondWord] & 1u) != 0;
 }
 
 RawItem::RawItem(uvc::Path const& nodePath, Setting const& setting)
@@ -140,7 +165,7 @@ Bytes RawItem::SerializeValue(Setting const& setting) {
   if (setting.valueless_by_exception())
     throw uvc::Error(fdn::rc::kInvalidState, "[RawSetting] Invalid value state");
   auto const index = setting.index();
-  auto const view = std::visit(ViewOf{}, setting.value());
+  auto const view = std::visit(ValueBytes{}, setting.value());
   std::uint64_t word = 0;
   std::size_t payload = 0;
   switch (index) {
@@ -182,12 +207,30 @@ void RawItem::DeserializeValue(Setting& out) const {
 }
 
 void RawItem::DeserializeValue(Setting& out, std::size_t reserveAtMost) const {
-  Check(value, kHeaderSize);
-  auto const index = GetWord(value, 0);
+  View().DeserializeValue(out, reserveAtMost);
+}
+
+template <>
+void RawItem::DeserializeValue<ix::kString>(Setting& out, std::uint64_t word) const {
+  ReadString(ViewOf(value), out, word);
+}
+
+template <>
+void RawItem::DeserializeValue<ix::kBytes>(Setting& out, std::uint64_t word) const {
+  ReadBytes(ViewOf(value), out, word);
+}
+
+void RawItem::DeserializePath(uvc::Path& out) const { View().DeserializePath(out); }
+
+RawView RawItem::View() const noexcept { return {path, ViewOf(value), ViewOf(attrib)}; }
+
+void RawView::DeserializeValue(Setting& out, std::size_t reserveAtMost) const {
+  Raw::Check(value, Raw::kHeaderSize);
+  auto const index = GetWord(value.data, 0);
   if (index >= ix::kCount)
     throw uvc::Error(fdn::rc::kOutOfRange,
                      fmt::format("[RawSetting] Invalid value index: {}", index));
-  auto const word = GetWord(value, kSecondWord);
+  auto const word = GetWord(value.data, kSecondWord);
   switch (index) {
     case ix::kNone:
       out.emplace<ix::kNone>();
@@ -224,10 +267,10 @@ void RawItem::DeserializeValue(Setting& out, std::size_t reserveAtMost) const {
       out.emplace<ix::kTimestamp>(LowBytes<std::int64_t>(word));
       break;
     case ix::kString:
-      DeserializeValue<ix::kString>(out, word);
+      ReadString(value, out, word);
       break;
     case ix::kBytes:
-      DeserializeValue<ix::kBytes>(out, word);
+      ReadBytes(value, out, word);
       break;
     case ix::kUint8:
       out.emplace<ix::kUint8>(LowBytes<std::uint8_t>(word));
@@ -243,25 +286,7 @@ void RawItem::DeserializeValue(Setting& out, std::size_t reserveAtMost) const {
   }
 }
 
-template <>
-void RawItem::DeserializeValue<ix::kString>(Setting& out, std::uint64_t word) const {
-  Check(value, NeedWith(word));
-  // The word counts the terminator. Word 0 wraps the length: the old value goes first,
-  // then the build throws std::length_error.
-  if (word == 0) DropValue(out);
-  auto const length = static_cast<std::size_t>(word - 1);
-  auto& text = out.emplace<ix::kString>(length, '\0');
-  if (length != 0) std::memcpy(text.data(), value.data() + kHeaderSize, length);
-}
-
-template <>
-void RawItem::DeserializeValue<ix::kBytes>(Setting& out, std::uint64_t word) const {
-  Check(value, NeedWith(word));
-  auto const begin = value.begin() + static_cast<std::ptrdiff_t>(kHeaderSize);
-  out.emplace<ix::kBytes>(begin, begin + static_cast<std::ptrdiff_t>(word));
-}
-
-void RawItem::DeserializePath(uvc::Path& out) const {
+void RawView::DeserializePath(uvc::Path& out) const {
   auto parsed = uvc::FromString(path, meta::GetIdSpecification());
   if (parsed.second != uvc::IdState::Ok)
     throw uvc::Error(

@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -29,6 +30,12 @@ namespace settings_manager::impl {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// Bytes of a record that something else owns.
+struct ByteView {
+  std::uint8_t const* data = nullptr;
+  std::size_t size = 0;
+};
+
 // Size checks and word packing shared by the records.
 struct Raw {
   static constexpr std::size_t kHeaderSize = 16;
@@ -37,6 +44,7 @@ struct Raw {
   // Throws 0x8000005C "[RawSetting] Insufficient raw data size: fact/plan = {}/{}" when
   // `data` holds fewer than `need` bytes.
   static void Check(Bytes const& data, std::size_t need);
+  static void Check(ByteView data, std::size_t need);
 
   // The view's bytes in a zeroed word; throws 0x80000044 for a view over 8 bytes.
   static std::uint64_t Data(std::pair<void const*, std::size_t> view);
@@ -52,6 +60,35 @@ struct RawAttrib : Raw {
   void DeserializeAttrib(Attributes& out) const;
 
   Bytes attrib;
+};
+
+// The three fields of a record without owning them: a row as the store reads it, or a
+// RawItem. Decodes them exactly as RawItem does (the same checks, codes and messages).
+struct RawView {
+  std::string_view path;
+  ByteView value;
+  ByteView attrib;
+
+  void DeserializeAttrib(Attributes& out) const;
+  void DeserializeValue(Setting& out, std::size_t reserveAtMost) const;
+  void DeserializePath(uvc::Path& out) const;
+};
+
+// Records in ascending byte order of path text, one at a time: the rows of a subtree as
+// the store reads them, or a vector of RawItem.
+class RawSource {
+ public:
+  virtual ~RawSource() = default;
+  // The next record, or false after the last. The views stay valid until the next call.
+  // A source that cannot read a record throws.
+  virtual bool Next(RawView& record) = 0;
+  // How many records there are in all; a source that has to count may throw as Next does.
+  virtual std::size_t Total() = 0;
+  // A number of records there surely are, known without counting: Total() when known,
+  // else those handed out so far.
+  virtual std::size_t AtLeast() const noexcept = 0;
+  // True once Next or Total threw: the failure is the source's own, not a record's.
+  virtual bool Failed() const noexcept = 0;
 };
 
 // One node: attribute record, value record and path text, in this order.
@@ -76,6 +113,8 @@ struct RawItem : RawAttrib {
 
   // Parses the path text into `out`; `out` changes only on success.
   void DeserializePath(uvc::Path& out) const;
+
+  RawView View() const noexcept;
 
   Bytes value;
   std::string path;

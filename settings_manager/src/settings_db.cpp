@@ -1,5 +1,6 @@
 #include "settings_db.h"
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <stdexcept>
@@ -103,23 +104,122 @@ void SettingsDB::CreateSchema() const {
 }
 
 SettingsDB::RawItems SettingsDB::Get(std::string const& path) const {
-  Statement& select = path.empty() ? selectAll_ : selectSubtree_;
-  Using reset(select.query);
-  int step = path.empty() ? Exec(select) : Exec(select, path, stmt::SubtreeEnd(path));
-  if (EmptySelect(step)) return {};
-  Query const& query = select.query;
-  // Sorted by text, the node's own row comes before every longer text that it prefixes.
-  Check(std::get<sqlite::alt::kText>(query.Value(0, sqlite::alt::kText)) == path,
-        "Get: wrong head node");
+  Reader reader(*this, path);
   RawItems items;
-  for (;;) {
-    items.emplace_back(std::get<sqlite::alt::kBlob>(query.Value(2, sqlite::alt::kBlob)),
-                       std::get<sqlite::alt::kBlob>(query.Value(1, sqlite::alt::kBlob)),
-                       std::get<sqlite::alt::kText>(query.Value(0, sqlite::alt::kText)));
-    step = select.query.Next();
-    if (step == sqlite::kRowReady) continue;
-    Check(step == sqlite::kDone, "Get: incomplete node read", step);
-    return items;
+  settings_manager::impl::RawView row;
+  while (reader.Next(row))
+    items.emplace_back(Bytes(row.attrib.data, row.attrib.data + row.attrib.size),
+                       Bytes(row.value.data, row.value.data + row.value.size),
+                       std::string(row.path));
+  return items;
+}
+
+namespace {
+
+// Column `column` of the row holds the kind of value the schema gives it: text for the
+// path, a blob for the records.
+bool Holds(sqlite::Query const& query, int column, int type) noexcept {
+  return sqlite3_column_type(query.Statement(), column) == type;
+}
+
+}  // namespace
+
+SettingsDB::Reader::Reader(SettingsDB const& db, std::string path)
+    : db_(db), path_(std::move(path)) {
+  Statement& select = path_.empty() ? db_.selectAll_ : db_.selectSubtree_;
+  try {
+    int const step =
+        path_.empty() ? db_.Exec(select) : db_.Exec(select, path_, stmt::SubtreeEnd(path_));
+    if (EmptySelect(step)) {
+      Finish();
+      return;
+    }
+    // Sorted by text, the node's own row comes before every longer text that it prefixes.
+    Query const& query = select.query;
+    Check(std::get<sqlite::alt::kText>(query.Value(0, sqlite::alt::kText)) == path_,
+          "Get: wrong head node");
+  } catch (...) {
+    select.query.Flush();
+    throw;
+  }
+  empty_ = false;
+  pending_ = true;
+}
+
+SettingsDB::Reader::~Reader() { Finish(); }
+
+void SettingsDB::Reader::Finish() noexcept {
+  (path_.empty() ? db_.selectAll_ : db_.selectSubtree_).query.Flush();
+}
+
+bool SettingsDB::Reader::Step() {
+  if (empty_) return false;
+  if (pending_) return true;
+  Query& query = (path_.empty() ? db_.selectAll_ : db_.selectSubtree_).query;
+  int const step = query.Next();
+  if (step == sqlite::kRowReady) return pending_ = true;
+  empty_ = true;  // nothing more to hand out
+  Check(step == sqlite::kDone, "Get: incomplete node read", step);
+  Finish();
+  if (whenRead_) whenRead_();
+  return false;
+}
+
+bool SettingsDB::Reader::Next(settings_manager::impl::RawView& row) {
+  try {
+    if (!Step()) return false;
+    Query const& query = (path_.empty() ? db_.selectAll_ : db_.selectSubtree_).query;
+    if (!Holds(query, 0, SQLITE_TEXT) || !Holds(query, 1, SQLITE_BLOB) ||
+        !Holds(query, 2, SQLITE_BLOB)) {
+      // A column of another kind fails as Get's reading of it always did.
+      (void)std::get<sqlite::alt::kBlob>(query.Value(2, sqlite::alt::kBlob));
+      (void)std::get<sqlite::alt::kBlob>(query.Value(1, sqlite::alt::kBlob));
+      (void)std::get<sqlite::alt::kText>(query.Value(0, sqlite::alt::kText));
+    }
+    sqlite3_stmt* const statement = query.Statement();
+    auto const blob = [statement](int column) {
+      // Data before size, as for the text; a zero-length blob has no data pointer.
+      auto const* data = static_cast<std::uint8_t const*>(sqlite3_column_blob(statement, column));
+      return settings_manager::impl::ByteView{
+          data, static_cast<std::size_t>(sqlite3_column_bytes(statement, column))};
+    };
+    auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(statement, 0));
+    row.path =
+        text != nullptr
+            ? std::string_view(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, 0)))
+            : std::string_view();
+    row.value = blob(1);
+    row.attrib = blob(2);
+    pending_ = false;
+    ++handed_;
+    return true;
+  } catch (...) {
+    failed_ = true;
+    throw;
+  }
+}
+
+std::size_t SettingsDB::Reader::Total() {
+  if (total_ != 0) return total_;
+  try {
+    Statement& count = path_.empty() ? db_.countAll_ : db_.countSubtree_;
+    Using reset(count.query);
+    // The select still reads: the count sees the same snapshot.
+    int const step =
+        path_.empty() ? db_.Exec(count) : db_.Exec(count, path_, stmt::SubtreeEnd(path_));
+    Check(step == sqlite::kRowReady, "Get: incomplete node read", step);
+    auto const value = count.query.Value(0, sqlite::alt::kInt64);
+    auto const* rows = std::get_if<sqlite::alt::kInt64>(&value);
+    Check(rows != nullptr && *rows > 0, "Get: incomplete node read", step);
+    total_ = static_cast<std::size_t>(*rows);
+    return total_;
+  } catch (...) {
+    failed_ = true;
+    // Reading on meets the failure where reading every row first would have met it.
+    settings_manager::impl::RawView row;
+    while (Next(row)) {
+    }
+    throw;
   }
 }
 

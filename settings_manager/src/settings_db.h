@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -51,6 +52,42 @@ class SettingsDB {
   // descendants are stored without the node's own row, and std::bad_variant_access when
   // a column holds another kind of value than the schema's (text path, blob records).
   RawItems Get(std::string const& path) const;
+
+  // Get's rows one at a time, each read as it is asked for, with the same checks, failures
+  // and order: for rebuilding a subtree without holding its rows. Holds the file's read
+  // snapshot (and the select) until it has read the last row or ends; one at a time.
+  class Reader final : public settings_manager::impl::RawSource {
+   public:
+    // Runs the select and checks its first row as Get does ("Get: wrong head node").
+    Reader(SettingsDB const& db, std::string path);
+    ~Reader() override;
+    Reader(Reader const&) = delete;
+    Reader& operator=(Reader const&) = delete;
+
+    // Nothing is stored under the path.
+    bool Empty() const noexcept { return empty_; }
+    // `done` runs once, when the last row has been read without a failure.
+    void WhenRead(std::function<void()> done) { whenRead_ = std::move(done); }
+
+    bool Next(settings_manager::impl::RawView& row) override;
+    // Counts the rows in the snapshot being read.
+    std::size_t Total() override;
+    std::size_t AtLeast() const noexcept override { return total_ != 0 ? total_ : handed_; }
+    bool Failed() const noexcept override { return failed_; }
+
+   private:
+    bool Step();
+    void Finish() noexcept;
+
+    SettingsDB const& db_;
+    std::string const path_;
+    bool empty_ = true;
+    bool pending_ = false;  // a row is stepped to and not yet handed out
+    bool failed_ = false;
+    std::size_t handed_ = 0;
+    std::size_t total_ = 0;  // 0: not counted
+    std::function<void()> whenRead_;
+  };
 
   // Replaces, in one transaction, the stored subtree of the first record by `items`:
   // all rows replaced or none. Returns how many rows the old subtree had.
@@ -155,6 +192,11 @@ class SettingsDB {
   bool TableExists(char const* name) const;
   bool ChangeLogExists() const;
   void Record(std::string const& path, std::uint64_t generation) const;
+  // The connection's data version: it moves whenever the file changed (SQLite's
+  // SQLITE_FCNTL_DATA_VERSION). False when the file cannot tell.
+  bool DataVersion(unsigned& version) const noexcept;
+  // Remembers `generation` as the file's at the data version now.
+  void KnowGeneration(std::uint64_t generation) const noexcept;
   std::uint64_t SingleNumber(Statement& statement) const;
 
   // Prepares `statement` unless it is, binds the arguments from position 1 and takes the
@@ -183,11 +225,19 @@ class SettingsDB {
   dev_t device_ = 0;  // the file opened: a path that names another one is refused
   ino_t inode_ = 0;
   mutable bool changeLog_ = false;  // `changes` seen; a table is never dropped by us
+  // The file's generation as last read or committed here, and the data version then.
+  mutable struct {
+    std::uint64_t number = 0;
+    unsigned version = 0;
+    bool known = false;
+  } generation_;
 
   // Declared after db_: finalized before the connection closes.
   mutable Statement tableExists_{statements::kTableExists};
   mutable Statement selectAll_{statements::kSelectAll};
   mutable Statement selectSubtree_{statements::kSelectSubtree};
+  mutable Statement countAll_{statements::kCountAll};
+  mutable Statement countSubtree_{statements::kCountSubtree};
   mutable Statement deleteAll_{statements::kDeleteAll};
   mutable Statement deleteSubtree_{statements::kDeleteSubtree};
   mutable Statement insertRow_{statements::kInsertRow};

@@ -57,6 +57,7 @@ void SettingsDB::Transaction::Commit(std::string const& path, std::uint64_t gene
   // A failed commit leaves the transaction open: the destructor rolls it back.
   Check(db_.db_->Commit().Statement() != nullptr, fmt::format("{}: commit", what_));
   open_ = false;
+  db_.KnowGeneration(generation);
 }
 
 SettingsDB::Snapshot::Snapshot(SettingsDB const& db, std::chrono::microseconds patience) : db_(db) {
@@ -104,8 +105,27 @@ std::uint64_t SettingsDB::SingleNumber(Statement& statement) const {
   return number != nullptr && *number > 0 ? static_cast<std::uint64_t>(*number) : 0;  // NULL: none
 }
 
+bool SettingsDB::DataVersion(unsigned& version) const noexcept {
+  return sqlite3_file_control(db_->Handle(), "main", SQLITE_FCNTL_DATA_VERSION, &version) ==
+         SQLITE_OK;
+}
+
+void SettingsDB::KnowGeneration(std::uint64_t generation) const noexcept {
+  generation_.known = DataVersion(generation_.version);
+  generation_.number = generation;
+}
+
 std::uint64_t SettingsDB::Generation() const {
-  return ChangeLogExists() ? SingleNumber(lastGeneration_) : 0;
+  // Inside a transaction the file's data version moves when another connection committed
+  // since it was read: while it stands still the generation is the one known. (Outside,
+  // the version is that of the last transaction, not of the file now.)
+  bool const inTransaction = sqlite3_get_autocommit(db_->Handle()) == 0;
+  unsigned version = 0;
+  if (inTransaction && generation_.known && DataVersion(version) && version == generation_.version)
+    return generation_.number;
+  auto const generation = ChangeLogExists() ? SingleNumber(lastGeneration_) : 0;
+  if (inTransaction) KnowGeneration(generation);
+  return generation;
 }
 
 std::optional<std::vector<std::string>> SettingsDB::ChangedSince(std::uint64_t seen) const {

@@ -28,6 +28,11 @@ constexpr std::string_view kSelectSubtree =
     " SELECT path, value, attrib    FROM data  WHERE path >= $path AND path < $end"
     "  UNION ALL SELECT path, value, attrib    FROM data"
     "  WHERE path >= CAST($path AS BLOB) AND path < CAST($end AS BLOB)  ORDER BY path ASC;";
+// How many rows the two selects above take, counted while one of them reads.
+constexpr std::string_view kCountAll = " SELECT count(*)    FROM data;";
+constexpr std::string_view kCountSubtree =
+    " SELECT count(*)    FROM data  WHERE path >= $path AND path < $end"
+    "  OR path >= CAST($path AS BLOB) AND path < CAST($end AS BLOB);";
 constexpr std::string_view kDeleteAll = " DELETE    FROM data;";
 constexpr std::string_view kDeleteSubtree =
     " DELETE    FROM data  WHERE path >= $path AND path < $end"

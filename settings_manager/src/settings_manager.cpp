@@ -67,9 +67,9 @@ std::vector<impl::RawItem> SettingsManager::MakeRawSetting(uvc::aux::RefRange co
   return db ? SerializeOrThrow(path, setting) : std::vector<impl::RawItem>();
 }
 
-Setting SettingsManager::LoadTree(std::vector<impl::RawItem> const& rows, std::size_t& nodes) {
+Setting SettingsManager::LoadTree(settings_db::SettingsDB::Reader& rows, std::size_t& nodes) {
   Setting root;
-  if (rows.empty()) {
+  if (rows.Empty()) {
     root.emplace<uvc::index::kMap>();
     nodes = 1;
     return root;
@@ -83,7 +83,7 @@ Setting SettingsManager::LoadTree(std::vector<impl::RawItem> const& rows, std::s
   if (root.index() != uvc::index::kMap)
     throw uvc::Error(kWrongHeadType, fmt::format("Wrong db nodes head type: index = {}",
                                                  static_cast<std::uint64_t>(root.index())));
-  nodes = rows.size();
+  nodes = rows.AtLeast();
   return root;
 }
 
@@ -103,12 +103,15 @@ SettingsManager::SettingsManager(SettingsManagerConfig const& config)
     SM_LOG(LogLevel::Info, kManagerSource, "SettingsManager", "{} Read db...", id);
     // Before the rows: a change committed in between is only taken in once more.
     seenGeneration = db->Generation();
-    auto const rows = db->Get(std::string());
-    if (rows.empty()) {
+    // Each row is placed in the tree as it is read; none is held.
+    settings_db::SettingsDB::Reader rows(*db, std::string());
+    if (rows.Empty()) {
       // A fresh database starts as an empty root map; nothing is written back for it.
       SM_LOG(LogLevel::Info, kManagerSource, "SettingsManager", "{} Empty db output", id);
     } else {
-      SM_LOG(LogLevel::Info, kManagerSource, "SettingsManager", "{} Deserialize db data...", id);
+      rows.WhenRead([this] {
+        SM_LOG(LogLevel::Info, kManagerSource, "SettingsManager", "{} Deserialize db data...", id);
+      });
     }
     tree = LoadTree(rows, nodes);
   }

@@ -158,7 +158,7 @@ class SettingsManager final : public ISettingsManager,
 
   // The tree of the rows of a whole file, checked as start-up checks it; `nodes` gets
   // the number of rows.
-  static Setting LoadTree(std::vector<impl::RawItem> const& rows, std::size_t& nodes);
+  static Setting LoadTree(settings_db::SettingsDB::Reader& rows, std::size_t& nodes);
   // Refreshes when the watcher found the file changed since the tree was last brought up
   // to date. Costs one load of an atomic when nothing changed.
   void RefreshIfStale() const noexcept {

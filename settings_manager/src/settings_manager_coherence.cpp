@@ -98,7 +98,8 @@ void SettingsManager::CatchUp_(EventThread& guard) {
 
 void SettingsManager::ReloadAll_(EventThread& guard) {
   std::size_t nodes = 1;
-  Setting fresh = LoadTree(db->Get(std::string()), nodes);
+  settings_db::SettingsDB::Reader rows(*db, std::string());
+  Setting fresh = LoadTree(rows, nodes);
   PushDiff_(guard, uvc::Root(), &tree, &fresh);
   std::swap(tree, fresh);
 }
@@ -109,13 +110,18 @@ bool SettingsManager::ReloadSubtree_(EventThread& guard, std::string const& key)
   Setting* parent = &tree;
   for (std::size_t i = 0; parent != nullptr && i + 1 < path.size(); ++i)
     parent = uvc::FindItem(*parent, path[i]);
-  auto const rows = db->Get(key);
-  if (parent == nullptr) return rows.empty();
+  settings_db::SettingsDB::Reader rows(*db, key);
+  if (parent == nullptr) {
+    // Read through all the same: a row that cannot be read fails here, as it always did.
+    for (impl::RawView row; rows.Next(row);) {
+    }
+    return rows.AtLeast() == 0;
+  }
   Setting* node = uvc::FindItem(*parent, path.back());
   auto* map = std::get_if<uvc::index::kMap>(parent);
   auto const* name = std::get_if<1>(&path.back());
 
-  if (rows.empty()) {
+  if (rows.Empty()) {
     if (node == nullptr) return true;
     if (map == nullptr) return false;  // a list keeps its elements
     PushDiff_(guard, path, node, nullptr);

@@ -37,9 +37,9 @@ std::string Key(uvc::Path const& path) {
 
 // The subtree stored at `path` of an open store, rebuilt from its rows alone.
 Setting ReadStored(SettingsDB const& db, uvc::Path const& path) {
-  auto const rows = db.Get(Key(path));
+  SettingsDB::Reader rows(db, Key(path));
   Setting node;
-  if (rows.empty()) {
+  if (rows.Empty()) {
     // A database without rows holds the empty root map.
     if (!path.empty())
       throw uvc::Error(fdn::rc::kNotFound, fmt::format("No setting at '{}'", path));
