@@ -15,8 +15,7 @@ class Timestamp {
   /// The time `microseconds` after the epoch.
   constexpr explicit Timestamp(std::int64_t microseconds) noexcept : value_(microseconds) {}
 
-  /// The current time of the system clock. For the library's own use: not exported by
-  /// libsettings_manager.so.
+  /// The current time of the system clock.
   static Timestamp Now() noexcept;
 
   /// Microseconds since the epoch.
