@@ -22,9 +22,13 @@ class Timestamp {
   constexpr std::int64_t Microseconds() const noexcept { return value_; }
 
   /// Equal when the microseconds are.
-  friend constexpr bool operator==(Timestamp a, Timestamp b) noexcept { return a.value_ == b.value_; }
+  friend constexpr bool operator==(Timestamp a, Timestamp b) noexcept {
+    return a.value_ == b.value_;
+  }
   /// The negation of ==.
-  friend constexpr bool operator!=(Timestamp a, Timestamp b) noexcept { return a.value_ != b.value_; }
+  friend constexpr bool operator!=(Timestamp a, Timestamp b) noexcept {
+    return a.value_ != b.value_;
+  }
   /// Earlier than.
   friend constexpr bool operator<(Timestamp a, Timestamp b) noexcept { return a.value_ < b.value_; }
 
