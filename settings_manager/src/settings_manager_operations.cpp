@@ -27,7 +27,7 @@ int SettingsManager::GetSetting(uvc::Path const& path, Setting& out) const {
     Setting copy;
     RefreshIfStale();
     {
-      std::shared_lock<std::shared_mutex> lock(treeLock);
+      ReaderLock lock(treeLock);
       copy = uvc::GetItem(tree, path);
     }
     // The caller's old value is destroyed here, outside the lock.
@@ -44,7 +44,7 @@ int SettingsManager::GetAttribute(uvc::Path const& path, Attributes& out) const 
     Attributes attributes;
     RefreshIfStale();
     {
-      std::shared_lock<std::shared_mutex> lock(treeLock);
+      ReaderLock lock(treeLock);
       attributes = uvc::GetItem(tree, path).attributes;
     }
     out = attributes;
@@ -63,7 +63,7 @@ int SettingsManager::CreateSetting(uvc::Path const& path, Setting const& value) 
     int const result = WithRoom([&] {
       uvc::Path target = path;
       Setting created = value;
-      std::unique_lock<std::shared_mutex> lock(treeLock);
+      WriterLock lock(treeLock);
       StoreChange change(*this, notify, "Set");
       Setting* parent = &tree;
       std::size_t existing = 0;
@@ -87,7 +87,7 @@ int SettingsManager::CreateSetting(uvc::Path const& path, Setting const& value) 
         AutoDel undo(*parent, target[existing]);
         auto const rows = MakeRawSetting(uvc::aux::MakeRefRange(0, existing, target), *parent);
         db->Replace(rows);
-        change.Commit(rows.front().path);
+        Commit_(change, rows.front().path);
         undo.Disarm();
       }
       PushEvent_(notify, std::move(target), event::kCreated);
@@ -111,7 +111,7 @@ int SettingsManager::SetValue(uvc::Path const& path, uvc::TValue<Setting> const&
     auto const rows = MakeRawSetting(path, replacement);
     EventThread notify(*this);
     int const result = WithRoom([&] {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
+      WriterLock lock(treeLock);
       StoreChange change(*this, notify, "Set");
       Setting& node = uvc::GetItem(tree, path);
       // A change of type is reported, not refused.
@@ -123,7 +123,7 @@ int SettingsManager::SetValue(uvc::Path const& path, uvc::TValue<Setting> const&
       if (IsReadOnly(node)) return fdn::rc::kProhibited;
       if (db) {
         db->Replace(rows);
-        change.Commit(rows.front().path);
+        Commit_(change, rows.front().path);
       }
       node.value() = replacement.value();
       PushEvent_(notify, uvc::Path(path), event::kValue);
@@ -146,7 +146,7 @@ int SettingsManager::SetSetting(uvc::Path const& path, Setting const& setting) {
     auto const rows = MakeRawSetting(path, replacement);
     EventThread notify(*this);
     int const result = WithRoom([&] {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
+      WriterLock lock(treeLock);
       StoreChange change(*this, notify, "Set");
       Setting& node = uvc::GetItem(tree, path);
       if (node.index() != uvc::index::kNone && node.index() != replacement.index())
@@ -157,7 +157,7 @@ int SettingsManager::SetSetting(uvc::Path const& path, Setting const& setting) {
       // No read-only check: this is the privileged replacement.
       if (db) {
         db->Replace(rows);
-        change.Commit(rows.front().path);
+        Commit_(change, rows.front().path);
       }
       node = replacement;
       PushEvent_(notify, uvc::Path(path), event::kSetting);
@@ -178,13 +178,13 @@ int SettingsManager::SetAttribute(uvc::Path const& path, Attributes const& attri
     impl::RawAttrib const record(attributes);
     EventThread notify(*this);
     int const result = WithRoom([&] {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
+      WriterLock lock(treeLock);
       StoreChange change(*this, notify, "Upd");
       Setting& node = uvc::GetItem(tree, path);
       if (node.attributes == attributes) return fdn::rc::kFalse;
       if (db) {
         if (db->Upd(key, record) != 1) throw kAttribDiffers;
-        change.Commit(key);
+        Commit_(change, key);
       }
       node.attributes = attributes;
       PushEvent_(notify, uvc::Path(path), event::kAttributes);
@@ -208,11 +208,11 @@ int SettingsManager::DeleteSetting(uvc::Path const& path) {
     auto const key = MakeStringPath(path);
     EventThread notify(*this);
     removed = WithRoom([&] {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
+      WriterLock lock(treeLock);
       StoreChange change(*this, notify, "Del");
       int const rows = db ? db->Del(key) : -1;
       // Rows removed are committed whatever the tree holds.
-      if (rows > 0) change.Commit(key);
+      if (rows > 0) Commit_(change, key);
       int const deleted = uvc::DelItem(tree, path, false);
       if (deleted == fdn::rc::kOk) {
         // The removal stands even when the database had no row for it.

@@ -36,7 +36,7 @@ int SettingsManager::ListChildren(uvc::Path const& path, std::vector<ChildInfo>&
     if (!path.empty()) Check(path);
     std::vector<ChildInfo> children;
     {
-      std::shared_lock<std::shared_mutex> lock(treeLock);
+      ReaderLock lock(treeLock);
       Setting const& node = uvc::GetItem(tree, path);
       if (auto const* map = std::get_if<uvc::index::kMap>(&node)) {
         children.reserve(map->size());
@@ -60,7 +60,7 @@ int SettingsManager::GetTree(Setting& out) const {
   try {
     Setting copy;
     {
-      std::shared_lock<std::shared_mutex> lock(treeLock);
+      ReaderLock lock(treeLock);
       copy = tree;
     }
     // The caller's old value is destroyed here, outside the lock.
@@ -76,7 +76,7 @@ int SettingsManager::EditTree(TreeEdit const& edit) {
   try {
     EventThread notify(*this);
     int const result = WithRoom([&] {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
+      WriterLock lock(treeLock);
       // The edit sees the file as it is: what other managers committed is taken in first.
       StoreChange change(*this, notify, "Set");
       Setting edited = tree;
@@ -88,7 +88,7 @@ int SettingsManager::EditTree(TreeEdit const& edit) {
         // Every row of the tree: the empty root path replaces all of them. The root in the
         // change log makes every other manager read the whole file again.
         db->Replace(MakeRawSetting(uvc::Path(), edited));
-        change.Commit(std::string());
+        Commit_(change, std::string());
       }
       PushDiff_(notify, uvc::Root(), &tree, &edited);
       std::swap(tree, edited);
