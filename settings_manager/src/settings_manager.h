@@ -147,6 +147,38 @@ class SettingsManager final : public ISettingsManager,
   // failure level and returns the code.
   int Failed(char const* function, int line, uvc::Path const& path) const noexcept;
 
+  // The frame of a client operation: returns what `body` returns, or, when it throws, the
+  // code of the failure, logged by Failed as `function`'s at `line`. The operation logs
+  // its success itself, after the frame.
+  template <typename Body>
+  int Run(char const* function, int line, uvc::Path const& path, Body const& body) const {
+    try {
+      return body();
+    } catch (std::exception const&) {
+      return Failed(function, line, path);
+    }
+  }
+
+  // The frame of a change: `attempt(change, guard)` runs holding treeLock exclusively,
+  // inside the change's store transaction (`what` names it in messages), and once more
+  // when the full disk refused it (WithRoom). Its events start delivery after the lock
+  // is released.
+  template <typename Attempt>
+  int Change(char const* what, Attempt const& attempt) EXCLUDES(treeLock) {
+    EventThread notify(*this);
+    return WithRoom([&] {
+      WriterLock lock(treeLock);
+      StoreChange change(*this, notify, what);
+      return attempt(change, notify);
+    });
+  }
+
+  // The one write path of SetValue and SetSetting: replaces the node at `path` by `value`
+  // with `attributes`, comparing, keeping and reporting as `how` says.
+  struct Replacement;
+  int Replace(uvc::Path const& path, Setting::Value const& value, Attributes const& attributes,
+              Replacement const& how);
+
   // Runs `attempt` (one try of a change: lock, transaction, checks, write) and, when the
   // full disk refused it, once more after the log's room is given back, so that a change
   // that frees space gets through on a full disk. An attempt that fails leaves the tree

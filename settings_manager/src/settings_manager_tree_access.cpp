@@ -32,7 +32,7 @@ ChildInfo& Describe(Setting const& child, ChildInfo& info) {
 }  // namespace
 
 int SettingsManager::ListChildren(uvc::Path const& path, std::vector<ChildInfo>& out) const {
-  try {
+  return Run("ListChildren", __LINE__, path, [&] {
     if (!path.empty()) Check(path);
     std::vector<ChildInfo> children;
     {
@@ -51,13 +51,11 @@ int SettingsManager::ListChildren(uvc::Path const& path, std::vector<ChildInfo>&
     }
     out.swap(children);
     return fdn::rc::kOk;
-  } catch (std::exception const&) {
-    return Failed("ListChildren", __LINE__, path);
-  }
+  });
 }
 
 int SettingsManager::GetTree(Setting& out) const {
-  try {
+  return Run("GetTree", __LINE__, uvc::Root(), [&] {
     Setting copy;
     {
       ReaderLock lock(treeLock);
@@ -66,19 +64,14 @@ int SettingsManager::GetTree(Setting& out) const {
     // The caller's old value is destroyed here, outside the lock.
     std::swap(out, copy);
     return fdn::rc::kOk;
-  } catch (std::exception const&) {
-    return Failed("GetTree", __LINE__, uvc::Path());
-  }
+  });
 }
 
 int SettingsManager::EditTree(TreeEdit const& edit) {
   Setting replaced;  // the old tree, destroyed after the lock is released
-  try {
-    EventThread notify(*this);
-    int const result = WithRoom([&] {
-      WriterLock lock(treeLock);
+  int const result = Run("EditTree", __LINE__, uvc::Root(), [&] {
+    return Change("Set", [&](StoreChange& change, EventThread& notify) REQUIRES(treeLock) {
       // The edit sees the file as it is: what other managers committed is taken in first.
-      StoreChange change(*this, notify, "Set");
       Setting edited = tree;
       if (int const refused = edit(edited); refused != fdn::rc::kOk) return refused;
       if (edited.valueless_by_exception() || edited.index() != uvc::index::kMap) throw kRootNotMap;
@@ -95,12 +88,10 @@ int SettingsManager::EditTree(TreeEdit const& edit) {
       replaced = std::move(edited);
       return fdn::rc::kOk;
     });
-    if (result != fdn::rc::kOk) return result;
-  } catch (std::exception const&) {
-    return Failed("EditTree", __LINE__, uvc::Path());
-  }
-  SM_LOG(LogLevel::Debug, kManagerSource, "EditTree", "{} EditTree()", id);
-  return fdn::rc::kOk;
+  });
+  if (result == fdn::rc::kOk)
+    SM_LOG(LogLevel::Debug, kManagerSource, "EditTree", "{} EditTree()", id);
+  return result;
 }
 
 int ListChildren(ISettingsManager const& manager, uvc::Path const& path,
