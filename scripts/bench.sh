@@ -11,7 +11,7 @@
 #                                  as many for the durable changes, whose fsync is the
 #                                  noisiest figure; a quiet machine needs fewer)
 #
-# Installs what is missing (scripts/setup.sh, and gnuplot-nox for the plot) with apt-get.
+# Installs what is missing (scripts/setup.sh bench) with apt-get; builds the bench preset.
 # The machine's load matters most: run it when `uptime` shows the least.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -25,19 +25,11 @@ for arg in "$@"; do
 done
 repetitions="${SM_BENCH_REPETITIONS:-10}"
 
-scripts/setup.sh
-if ! command -v gnuplot >/dev/null; then
-  echo "bench: installing gnuplot-nox"
-  sudo=""
-  if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
-  export DEBIAN_FRONTEND=noninteractive
-  $sudo apt-get update -qq
-  $sudo apt-get install -y -qq --no-install-recommends gnuplot-nox
-fi
+scripts/setup.sh bench
 
 build=build/bench
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSM_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" --target sm_benchmarks -j "$(nproc)"
+cmake --preset bench >/dev/null
+cmake --build --preset bench -j "$(nproc)"
 
 out=docs/benchmarks
 raw="$out/raw"

@@ -10,7 +10,7 @@
 # Run from anywhere; CI runs it from .ci/run. Output in build/package.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh
+scripts/setup.sh package
 
 build="$PWD/build/package"
 passed=0

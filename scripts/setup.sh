@@ -1,18 +1,33 @@
 #!/usr/bin/env bash
-# Installs, with apt-get, the Debian packages that building and testing need,
-# and only those that are missing. Safe to run again.
+# Installs, with apt-get, the Debian packages a task needs, and only those that are
+# missing. Safe to run again. The other scripts call it; no other script installs.
+#
+#   scripts/setup.sh            building and testing: the debug, release, asan and tsan presets
+#   scripts/setup.sh clang      and clang: the clang preset (it builds the benchmarks too,
+#                               so `scripts/setup.sh clang bench` for it)
+#   scripts/setup.sh bench      and Google Benchmark, gnuplot: the bench preset, scripts/bench.sh
+#   scripts/setup.sh fuzz       and clang with libFuzzer: the fuzz preset, scripts/fuzz.sh
+#   scripts/setup.sh package    and doxygen, debhelper, lintian: scripts/ci-package.sh
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ pkg-config
+  cmake ninja-build g++ pkg-config make binutils python3
   libsqlite3-dev sqlite3 libfmt-dev
-  libcli11-dev nlohmann-json3-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  # Only the benchmarks link these: changes per second beside LMDB and LevelDB.
-  liblmdb-dev libleveldb-dev
-  binutils help2man
-  make doxygen dpkg-dev debhelper lintian
+  libcli11-dev nlohmann-json3-dev help2man
+  libgtest-dev libgmock-dev
 )
+for group in "$@"; do
+  case "$group" in
+    clang) packages+=(clang) ;;
+    bench) packages+=(libbenchmark-dev gnuplot-nox liblmdb-dev libleveldb-dev) ;;
+    fuzz) packages+=(clang libclang-rt-14-dev llvm) ;;
+    package) packages+=(doxygen dpkg-dev debhelper lintian) ;;
+    *)
+      echo "usage: $0 [clang] [bench] [fuzz] [package]" >&2
+      exit 2
+      ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do

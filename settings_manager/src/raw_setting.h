@@ -1,20 +1,8 @@
 #pragma once
 
-// The stored form of one node: the three columns of a row of `data`.
-//
-// path   TEXT  the node's path text under the settings id rules ("net/3/name/"; the
-//              root is empty).
-// value  BLOB  16 bytes, then a payload for strings and byte strings only:
-//                offset 0, 8 bytes: the Setting alternative index, 0..15
-//                offset 8, 8 bytes: a word whose meaning depends on the index:
-//                  None, map: 0          list: the element count
-//                  scalars: the value's own bytes in a zeroed word (narrow signed values
-//                           are not sign-extended: int8 -1 is 0xFF)
-//                  double: the binary64 bits   Timestamp: its 8 bytes
-//                  string: length + 1, payload the characters and one zero byte
-//                  byte string: length, payload the bytes
-// attrib BLOB  16 bytes: offset 0 the version 0x10000, offset 8 the flags (bit 0 readOnly).
-// Every word is a little-endian 64-bit integer. Children are records of their own.
+// The stored form of one node: the three columns of a row of `data` (path text, value
+// record, attribute record). Their byte layout, with worked examples, is
+// docs/file-format.md; a change of these records changes that document too.
 
 #include <cstddef>
 #include <cstdint>

@@ -16,8 +16,7 @@ using log::kManagerSource;
 using log::LogLevel;
 
 SettingsManager::StoreChange::StoreChange(SettingsManager& manager, EventThread& guard,
-                                          char const* what)
-    : manager_(manager) {
+                                          char const* what) {
   if (!manager.db) return;
   // Never written to a file that no longer has the path (checked once the watcher saw
   // the name change: a stat costs more than the rest of this).
@@ -27,11 +26,15 @@ SettingsManager::StoreChange::StoreChange(SettingsManager& manager, EventThread&
   manager.CatchUp_(guard);
 }
 
-void SettingsManager::StoreChange::Commit(std::string const& key) {
-  if (!transaction_) return;
+bool SettingsManager::StoreChange::Commit(std::string const& key, std::uint64_t generation) {
+  if (!transaction_) return false;
+  transaction_->Commit(key, generation);
+  return true;
+}
+
+void SettingsManager::Commit_(StoreChange& change, std::string const& key) {
   // Caught up inside this transaction: the file's generation is the one seen.
-  transaction_->Commit(key, manager_.seenGeneration + 1);
-  ++manager_.seenGeneration;
+  if (change.Commit(key, seenGeneration + 1)) ++seenGeneration;
 }
 
 void SettingsManager::StartWatcher(std::string const& dbPath) {
@@ -72,7 +75,7 @@ void SettingsManager::Refresh_(bool onlyIfStale, std::chrono::microseconds patie
   if (!db) return;
   try {
     EventThread notify(*this);
-    std::unique_lock<std::shared_mutex> lock(treeLock);
+    WriterLock lock(treeLock);
     if (onlyIfStale && !stale) return;  // brought up to date while this waited
     // Cleared only when the file's write lock was free: a commit whose writes woke the
     // watcher has then ended, and is taken in here. Otherwise the next read tries again.
@@ -151,9 +154,9 @@ void SettingsManager::PushDiff_(EventThread& guard, uvc::Path const& path, Setti
     return;
   }
   uvc::Path at = path;
-  DiffTrees(*before, *after, at, [&](uvc::Path const& changed, unsigned char kind) {
-    PushEvent_(guard, uvc::Path(changed), kind);
-  });
+  auto const push = [&](uvc::Path const& changed, unsigned char kind)
+                        REQUIRES(treeLock) { PushEvent_(guard, uvc::Path(changed), kind); };
+  DiffTrees(*before, *after, at, push);
 }
 
 }  // namespace settings_manager

@@ -30,19 +30,18 @@ bool Covers(uvc::Path const& listener, uvc::Path const& changed) {
 
 }  // namespace
 
-SettingsManager::EventThread::~EventThread() {
-  if (!scheduled_) return;
+void SettingsManager::StartEventThread() noexcept {
   try {
-    std::lock_guard<std::mutex> lock(manager_.threadLock);
+    MutexLock lock(threadLock);
     // The previous thread has already found nothing left and is ending.
-    if (manager_.eventThread.joinable()) manager_.eventThread.join();
-    manager_.eventThread = std::thread(&SettingsManager::NotifyClients, &manager_);
+    if (eventThread.joinable()) eventThread.join();
+    eventThread = std::thread(&SettingsManager::NotifyClients, this);
   } catch (std::exception const&) {
     // The events stay pending; the next new path tries again.
-    manager_.eventsIdle = true;
+    eventsIdle = true;
     auto const result = uvc::ProcessException();
     SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "~EventThread",
-                    "{} EventThread: could not start client notification: {}", manager_.id, result);
+                    "{} EventThread: could not start client notification: {}", id, result);
   }
 }
 
@@ -67,7 +66,7 @@ bool SettingsManager::TakeEvents(EventMap& batch) {
     if (stopEvents) return false;
     EventMap taken;  // dropped after the lock when nobody listens any more
     {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
+      WriterLock lock(treeLock);
       taken.swap(events);
       if (!eventsEnabled) {
         eventsIdle = true;
@@ -103,7 +102,7 @@ bool SettingsManager::NotifyEvent(EventMap& batch, std::weak_ptr<SettingsManager
     std::shared_ptr<ISettingsUpdateObserver> current;
     std::size_t clients = 0;
     {
-      std::lock_guard<std::mutex> lock(subscribersLock);
+      MutexLock lock(subscribersLock);
       ObserverSet selected;
       // Every listener of the path or an ancestor sorts at or before the path itself.
       for (auto it = observersByPath.upper_bound(path); it != observersByPath.begin();) {
@@ -132,7 +131,7 @@ bool SettingsManager::NotifyEvent(EventMap& batch, std::weak_ptr<SettingsManager
       // The last owner let go during the call: the manager is gone (destroyed on this
       // very thread) or going (its destructor waits to join this thread).
       if (self.expired()) return false;
-      std::lock_guard<std::mutex> lock(subscribersLock);
+      MutexLock lock(subscribersLock);
       activeObservers.erase(activeObservers.begin());
       CallbackEnded();
       if (!activeObservers.empty()) current = *activeObservers.begin();
@@ -156,16 +155,16 @@ void SettingsManager::CallbackEnded() {
 }
 
 void SettingsManager::EndDelivery() {
-  std::lock_guard<std::mutex> lock(subscribersLock);
+  MutexLock lock(subscribersLock);
   if (activeObservers.empty()) return;
   activeObservers.clear();
   CallbackEnded();
 }
 
 void SettingsManager::ReleaseWaiters() {
-  std::unique_lock<std::mutex> lock(subscribersLock);
+  MutexLock lock(subscribersLock);
   CallbackEnded();
-  callbackDone.wait(lock, [this] { return waitingUnsubscribers == 0; });
+  while (waitingUnsubscribers != 0) lock.Wait(callbackDone);
 }
 
 }  // namespace settings_manager

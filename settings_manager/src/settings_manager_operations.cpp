@@ -11,6 +11,24 @@ namespace settings_manager {
 using log::kManagerSource;
 using log::LogLevel;
 
+// What a replacement of a node compares, keeps and reports: SetValue's or SetSetting's.
+struct SettingsManager::Replacement {
+  char const* operation;  // its name in its log records
+  char const* noun;       // what it replaces, in the type-mismatch record
+  bool withAttributes;    // compares and takes the attributes; else the node keeps its own
+  bool honoursReadOnly;   // a read-only node refuses it (0x80000066)
+  unsigned char kind;     // the event it queues
+
+  static Replacement const kValue;
+  static Replacement const kSetting;
+};
+
+SettingsManager::Replacement const SettingsManager::Replacement::kValue{"SetValue", "value", false,
+                                                                        true, event::kValue};
+// The privileged replacement: it takes read-only nodes too.
+SettingsManager::Replacement const SettingsManager::Replacement::kSetting{
+    "SetSetting", "setting", true, false, event::kSetting};
+
 namespace {
 
 uvc::Error const kInvalidValue{fdn::rc::kInvalidState, "Invalid value"};
@@ -22,49 +40,42 @@ uvc::Error const kDeleteDiffers{fdn::rc::kBasesCorrupted,
 }  // namespace
 
 int SettingsManager::GetSetting(uvc::Path const& path, Setting& out) const {
-  try {
+  return Run("GetSetting", __LINE__, path, [&] {
     Check(path);
     Setting copy;
     RefreshIfStale();
     {
-      std::shared_lock<std::shared_mutex> lock(treeLock);
+      ReaderLock lock(treeLock);
       copy = uvc::GetItem(tree, path);
     }
     // The caller's old value is destroyed here, outside the lock.
     std::swap(out, copy);
     return fdn::rc::kOk;
-  } catch (std::exception const&) {
-    return Failed("GetSetting", __LINE__, path);
-  }
+  });
 }
 
 int SettingsManager::GetAttribute(uvc::Path const& path, Attributes& out) const {
-  try {
+  return Run("GetAttribute", __LINE__, path, [&] {
     Check(path);
     Attributes attributes;
     RefreshIfStale();
     {
-      std::shared_lock<std::shared_mutex> lock(treeLock);
+      ReaderLock lock(treeLock);
       attributes = uvc::GetItem(tree, path).attributes;
     }
     out = attributes;
     return fdn::rc::kOk;
-  } catch (std::exception const&) {
-    return Failed("GetAttribute", __LINE__, path);
-  }
+  });
 }
 
 int SettingsManager::CreateSetting(uvc::Path const& path, Setting const& value) {
-  try {
+  int const result = Run("CreateSetting", __LINE__, path, [&] {
     Check(path);
     if (value.valueless_by_exception()) throw kInvalidValue;
     CheckDepth(path, value);
-    EventThread notify(*this);
-    int const result = WithRoom([&] {
+    return Change("Set", [&](StoreChange& change, EventThread& notify) REQUIRES(treeLock) {
       uvc::Path target = path;
       Setting created = value;
-      std::unique_lock<std::shared_mutex> lock(treeLock);
-      StoreChange change(*this, notify, "Set");
       Setting* parent = &tree;
       std::size_t existing = 0;
       for (; existing < target.size(); ++existing) {
@@ -87,132 +98,96 @@ int SettingsManager::CreateSetting(uvc::Path const& path, Setting const& value) 
         AutoDel undo(*parent, target[existing]);
         auto const rows = MakeRawSetting(uvc::aux::MakeRefRange(0, existing, target), *parent);
         db->Replace(rows);
-        change.Commit(rows.front().path);
+        Commit_(change, rows.front().path);
         undo.Disarm();
       }
       PushEvent_(notify, std::move(target), event::kCreated);
       return fdn::rc::kOk;
     });
-    if (result != fdn::rc::kOk) return result;
-  } catch (std::exception const&) {
-    return Failed("CreateSetting", __LINE__, path);
-  }
-  SM_LOG(LogLevel::Debug, kManagerSource, "CreateSetting", "{} CreateSetting({})", id, path);
-  return fdn::rc::kOk;
+  });
+  if (result == fdn::rc::kOk)
+    SM_LOG(LogLevel::Debug, kManagerSource, "CreateSetting", "{} CreateSetting({})", id, path);
+  return result;
 }
 
 int SettingsManager::SetValue(uvc::Path const& path, uvc::TValue<Setting> const& value) {
-  try {
-    Check(path);
-    if (value.valueless_by_exception()) throw kInvalidValue;
-    CheckDepth(path, value);
-    // A value carries no attributes: the rows get cleared ones, the node keeps its own.
-    Setting replacement(value);
-    auto const rows = MakeRawSetting(path, replacement);
-    EventThread notify(*this);
-    int const result = WithRoom([&] {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
-      StoreChange change(*this, notify, "Set");
-      Setting& node = uvc::GetItem(tree, path);
-      // A change of type is reported, not refused.
-      if (node.index() != uvc::index::kNone && node.index() != replacement.index())
-        SM_LOG(LogLevel::Error, kManagerSource, "SetValue",
-               "{} ### SetValue({}): old/new value type mismatch: {}/{}", id, path, node.index(),
-               replacement.index());
-      if (node.value() == replacement.value()) return fdn::rc::kFalse;
-      if (IsReadOnly(node)) return fdn::rc::kProhibited;
-      if (db) {
-        db->Replace(rows);
-        change.Commit(rows.front().path);
-      }
-      node.value() = replacement.value();
-      PushEvent_(notify, uvc::Path(path), event::kValue);
-      return fdn::rc::kOk;
-    });
-    if (result != fdn::rc::kOk) return result;
-  } catch (std::exception const&) {
-    return Failed("SetValue", __LINE__, path);
-  }
-  SM_LOG(LogLevel::Trace, kManagerSource, "SetValue", "{} SetValue({})", id, path);
-  return fdn::rc::kOk;
+  // A value carries no attributes: the rows get cleared ones, the node keeps its own.
+  return Replace(path, value, Attributes(), Replacement::kValue);
 }
 
 int SettingsManager::SetSetting(uvc::Path const& path, Setting const& setting) {
-  try {
+  return Replace(path, setting, setting.attributes, Replacement::kSetting);
+}
+
+int SettingsManager::Replace(uvc::Path const& path, Setting::Value const& value,
+                             Attributes const& attributes, Replacement const& how) {
+  int const result = Run(how.operation, __LINE__, path, [&] {
     Check(path);
-    if (setting.valueless_by_exception()) throw kInvalidValue;
-    CheckDepth(path, setting);
-    Setting replacement = setting;
+    if (value.valueless_by_exception()) throw kInvalidValue;
+    CheckDepth(path, value);
+    Setting replacement(value);
+    replacement.attributes = attributes;
     auto const rows = MakeRawSetting(path, replacement);
-    EventThread notify(*this);
-    int const result = WithRoom([&] {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
-      StoreChange change(*this, notify, "Set");
+    return Change("Set", [&](StoreChange& change, EventThread& notify) REQUIRES(treeLock) {
       Setting& node = uvc::GetItem(tree, path);
+      // A change of type is reported, not refused.
       if (node.index() != uvc::index::kNone && node.index() != replacement.index())
-        SM_LOG(LogLevel::Error, kManagerSource, "SetSetting",
-               "{} ### SetSetting({}): old/new setting type mismatch: {}/{}", id, path,
+        SM_LOG(LogLevel::Error, kManagerSource, how.operation,
+               "{} ### {}({}): old/new {} type mismatch: {}/{}", id, how.operation, path, how.noun,
                node.index(), replacement.index());
-      if (node == replacement) return fdn::rc::kFalse;
-      // No read-only check: this is the privileged replacement.
+      if (how.withAttributes ? node == replacement : node.value() == replacement.value())
+        return fdn::rc::kFalse;
+      if (how.honoursReadOnly && IsReadOnly(node)) return fdn::rc::kProhibited;
       if (db) {
         db->Replace(rows);
-        change.Commit(rows.front().path);
+        Commit_(change, rows.front().path);
       }
-      node = replacement;
-      PushEvent_(notify, uvc::Path(path), event::kSetting);
+      if (how.withAttributes)
+        node = replacement;
+      else
+        node.value() = replacement.value();
+      PushEvent_(notify, uvc::Path(path), how.kind);
       return fdn::rc::kOk;
     });
-    if (result != fdn::rc::kOk) return result;
-  } catch (std::exception const&) {
-    return Failed("SetSetting", __LINE__, path);
-  }
-  SM_LOG(LogLevel::Trace, kManagerSource, "SetSetting", "{} SetSetting({})", id, path);
-  return fdn::rc::kOk;
+  });
+  if (result == fdn::rc::kOk)
+    SM_LOG(LogLevel::Trace, kManagerSource, how.operation, "{} {}({})", id, how.operation, path);
+  return result;
 }
 
 int SettingsManager::SetAttribute(uvc::Path const& path, Attributes const& attributes) {
-  try {
+  int const result = Run("SetAttribute", __LINE__, path, [&] {
     Check(path);
     auto const key = MakeStringPath(path);
     impl::RawAttrib const record(attributes);
-    EventThread notify(*this);
-    int const result = WithRoom([&] {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
-      StoreChange change(*this, notify, "Upd");
+    return Change("Upd", [&](StoreChange& change, EventThread& notify) REQUIRES(treeLock) {
       Setting& node = uvc::GetItem(tree, path);
       if (node.attributes == attributes) return fdn::rc::kFalse;
       if (db) {
         if (db->Upd(key, record) != 1) throw kAttribDiffers;
-        change.Commit(key);
+        Commit_(change, key);
       }
       node.attributes = attributes;
       PushEvent_(notify, uvc::Path(path), event::kAttributes);
       return fdn::rc::kOk;
     });
-    if (result != fdn::rc::kOk) return result;
-  } catch (std::exception const&) {
-    return Failed("SetAttribute", __LINE__, path);
-  }
-  SM_LOG(LogLevel::Trace, kManagerSource, "SetAttribute", "{} SetAttribute({}) = {}", id, path,
-         attributes.readOnly);
-  return fdn::rc::kOk;
+  });
+  if (result == fdn::rc::kOk)
+    SM_LOG(LogLevel::Trace, kManagerSource, "SetAttribute", "{} SetAttribute({}) = {}", id, path,
+           attributes.readOnly);
+  return result;
 }
 
 int SettingsManager::DeleteSetting(uvc::Path const& path) {
-  int removed = fdn::rc::kOk;
-  try {
+  int const removed = Run("DeleteSetting", __LINE__, path, [&] {
     Check(path);
     if (path.back().index() != 1)
       throw uvc::Error(fdn::rc::kProhibited, "Only Tree item can be removed");
     auto const key = MakeStringPath(path);
-    EventThread notify(*this);
-    removed = WithRoom([&] {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
-      StoreChange change(*this, notify, "Del");
+    return Change("Del", [&](StoreChange& change, EventThread& notify) REQUIRES(treeLock) {
       int const rows = db ? db->Del(key) : -1;
       // Rows removed are committed whatever the tree holds.
-      if (rows > 0) change.Commit(key);
+      if (rows > 0) Commit_(change, key);
       int const deleted = uvc::DelItem(tree, path, false);
       if (deleted == fdn::rc::kOk) {
         // The removal stands even when the database had no row for it.
@@ -223,9 +198,7 @@ int SettingsManager::DeleteSetting(uvc::Path const& path) {
       }
       return deleted;
     });
-  } catch (std::exception const&) {
-    return Failed("DeleteSetting", __LINE__, path);
-  }
+  });
   if (removed >= 0)
     SM_LOG(LogLevel::Debug, kManagerSource, "DeleteSetting", "{} DeleteSetting({})", id, path);
   return removed;

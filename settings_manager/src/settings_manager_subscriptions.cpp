@@ -17,7 +17,7 @@ int SettingsManager::Subscribe(uvc::Path const& path,
     // The root can always be listened to; another path need not exist yet.
     if (!path.empty()) Check(path);
     uvc::Path key = path;
-    std::lock_guard<std::mutex> lock(subscribersLock);
+    MutexLock lock(subscribersLock);
     auto const entry = observersByPath.try_emplace(std::move(key)).first;
     auto const [position, added] = entry->second.insert(std::move(observer));
     // A path entry made just now cannot be empty here: its set took the observer.
@@ -44,7 +44,7 @@ int SettingsManager::Unsubscribe(SubscriptionId subscription) {
     ObserverSet::node_type observerNode;
     ObserversByPath::node_type pathNode;
     decltype(subscriptions)::node_type indexNode;
-    std::unique_lock<std::mutex> lock(subscribersLock);
+    MutexLock lock(subscribersLock);
     auto const found = subscriptions.find(subscription);
     if (found == subscriptions.end()) return fdn::rc::kNotFound;
     indexNode = subscriptions.extract(found);
@@ -61,11 +61,10 @@ int SettingsManager::Unsubscribe(SubscriptionId subscription) {
       if (active != activeObservers.begin()) activeObservers.erase(active);
       auto const seen = finishedCallbacks;
       ++waitingUnsubscribers;
-      callbackDone.wait(lock, [&] { return finishedCallbacks != seen; });
+      while (finishedCallbacks == seen) lock.Wait(callbackDone);
       // The destructor waits for the last waiter to leave.
       if (--waitingUnsubscribers == 0 && stopEvents) callbackDone.notify_all();
     }
-    lock.unlock();
   } catch (std::exception const&) {
     auto const result = uvc::ProcessException();
     SM_LOG_NOEXCEPT(LogLevel::Error, kManagerSource, "Unsubscribe", "{} Unsubscribe(): {}: '{}'",

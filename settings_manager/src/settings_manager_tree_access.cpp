@@ -32,12 +32,12 @@ ChildInfo& Describe(Setting const& child, ChildInfo& info) {
 }  // namespace
 
 int SettingsManager::ListChildren(uvc::Path const& path, std::vector<ChildInfo>& out) const {
-  try {
+  return Run("ListChildren", __LINE__, path, [&] {
     if (!path.empty()) Check(path);
     std::vector<ChildInfo> children;
     RefreshIfStale();
     {
-      std::shared_lock<std::shared_mutex> lock(treeLock);
+      ReaderLock lock(treeLock);
       Setting const& node = uvc::GetItem(tree, path);
       if (auto const* map = std::get_if<uvc::index::kMap>(&node)) {
         children.reserve(map->size());
@@ -52,35 +52,28 @@ int SettingsManager::ListChildren(uvc::Path const& path, std::vector<ChildInfo>&
     }
     out.swap(children);
     return fdn::rc::kOk;
-  } catch (std::exception const&) {
-    return Failed("ListChildren", __LINE__, path);
-  }
+  });
 }
 
 int SettingsManager::GetTree(Setting& out) const {
-  try {
+  return Run("GetTree", __LINE__, uvc::Root(), [&] {
     Setting copy;
     RefreshIfStale();
     {
-      std::shared_lock<std::shared_mutex> lock(treeLock);
+      ReaderLock lock(treeLock);
       copy = tree;
     }
     // The caller's old value is destroyed here, outside the lock.
     std::swap(out, copy);
     return fdn::rc::kOk;
-  } catch (std::exception const&) {
-    return Failed("GetTree", __LINE__, uvc::Path());
-  }
+  });
 }
 
 int SettingsManager::EditTree(TreeEdit const& edit) {
   Setting replaced;  // the old tree, destroyed after the lock is released
-  try {
-    EventThread notify(*this);
-    int const result = WithRoom([&] {
-      std::unique_lock<std::shared_mutex> lock(treeLock);
+  int const result = Run("EditTree", __LINE__, uvc::Root(), [&] {
+    return Change("Set", [&](StoreChange& change, EventThread& notify) REQUIRES(treeLock) {
       // The edit sees the file as it is: what other managers committed is taken in first.
-      StoreChange change(*this, notify, "Set");
       Setting edited = tree;
       if (int const refused = edit(edited); refused != fdn::rc::kOk) return refused;
       if (edited.valueless_by_exception() || edited.index() != uvc::index::kMap) throw kRootNotMap;
@@ -90,19 +83,17 @@ int SettingsManager::EditTree(TreeEdit const& edit) {
         // Every row of the tree: the empty root path replaces all of them. The root in the
         // change log makes every other manager read the whole file again.
         db->Replace(MakeRawSetting(uvc::Path(), edited));
-        change.Commit(std::string());
+        Commit_(change, std::string());
       }
       PushDiff_(notify, uvc::Root(), &tree, &edited);
       std::swap(tree, edited);
       replaced = std::move(edited);
       return fdn::rc::kOk;
     });
-    if (result != fdn::rc::kOk) return result;
-  } catch (std::exception const&) {
-    return Failed("EditTree", __LINE__, uvc::Path());
-  }
-  SM_LOG(LogLevel::Debug, kManagerSource, "EditTree", "{} EditTree()", id);
-  return fdn::rc::kOk;
+  });
+  if (result == fdn::rc::kOk)
+    SM_LOG(LogLevel::Debug, kManagerSource, "EditTree", "{} EditTree()", id);
+  return result;
 }
 
 int ListChildren(ISettingsManager const& manager, uvc::Path const& path,

@@ -41,7 +41,7 @@ void MakeValueless(Setting& s) {
 
 class Calls {
  public:
-  explicit Calls(std::mt19937_64& random) : random_(random), values_(random) {}
+  explicit Calls(std::mt19937_64& random) : values_(random) {}
 
   uvc::Path Path(Setting const& tree) {
     if (values_.Chance(12)) return Invalid();
@@ -116,7 +116,6 @@ class Calls {
     }
   }
 
-  std::mt19937_64& random_;
   Values values_;
 };
 

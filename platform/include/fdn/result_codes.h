@@ -1,7 +1,8 @@
 #pragma once
 
 /// \file
-/// Result codes and their texts.
+/// Result codes and their texts; libsettings_manager.so exports the functions declared
+/// here.
 
 #include <cstdint>
 #include <optional>
@@ -53,11 +54,9 @@ constexpr int kSettingsAreRequired = MakeCode(0x80000101u);    ///< "Settings ar
 }  // namespace rc
 
 /// The bare text of a general (facility 0) code, or nothing when the code has none.
-/// For the library's own use: not exported by libsettings_manager.so.
 std::optional<std::string_view> GeneralCodeText(int code) noexcept;
 
 /// The bare text of a platform (facility 1) code, or nothing when the code has none.
-/// For the library's own use: not exported by libsettings_manager.so.
 std::optional<std::string_view> PlatformCodeText(int code) noexcept;
 
 /// Display text of any code: the bare text (or "Unknown result code"), " = 0x" and the

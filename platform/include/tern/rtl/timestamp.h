@@ -15,17 +15,20 @@ class Timestamp {
   /// The time `microseconds` after the epoch.
   constexpr explicit Timestamp(std::int64_t microseconds) noexcept : value_(microseconds) {}
 
-  /// The current time of the system clock. For the library's own use: not exported by
-  /// libsettings_manager.so.
+  /// The current time of the system clock.
   static Timestamp Now() noexcept;
 
   /// Microseconds since the epoch.
   constexpr std::int64_t Microseconds() const noexcept { return value_; }
 
   /// Equal when the microseconds are.
-  friend constexpr bool operator==(Timestamp a, Timestamp b) noexcept { return a.value_ == b.value_; }
+  friend constexpr bool operator==(Timestamp a, Timestamp b) noexcept {
+    return a.value_ == b.value_;
+  }
   /// The negation of ==.
-  friend constexpr bool operator!=(Timestamp a, Timestamp b) noexcept { return a.value_ != b.value_; }
+  friend constexpr bool operator!=(Timestamp a, Timestamp b) noexcept {
+    return a.value_ != b.value_;
+  }
   /// Earlier than.
   friend constexpr bool operator<(Timestamp a, Timestamp b) noexcept { return a.value_ < b.value_; }
 
