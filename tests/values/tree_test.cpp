@@ -1,0 +1,128 @@
+// Settings as trees: equality and the read-only rule, GetItem/SetItem/DelItem, ForEach,
+// MakeRefRange, exceptions turned into results and the formatters.
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+#include "settings_manager/format.h"
+#include "support/settings.h"
+#include "uvc/format.h"
+#include "uvc/tree.h"
+
+namespace test_support {
+namespace {
+
+namespace mode = uvc::edit_mode;
+using uvc::Path;
+uvc::Result const kFound{Code(0x8000004Du), "uvc: Item with given id already exists"};
+uvc::Result const kNotFound{Code(0x8000004Cu), "uvc: Item with given id does not exist"};
+uvc::Result const kNotMatched{Code(0x8000004Au),
+                              "uvc: Path or id does not correspond to contained item"};
+
+TEST(Tree, GetSetAndDelItemRefuseWithExactErrorsAndLeaveTheTree) {
+  Setting const before = MapOf({{"a", Int(1)}, {"l", ListOf({Int(1), Int(2, true)})}});
+  struct Case {
+    Path path;
+    uvc::EditMode mode;
+    uvc::Result error;
+    int delCode;
+  } const cases[] = {
+      {P("b"), mode::Append | mode::Replace, kNotFound, 1},
+      {P("a"), mode::Insert, kFound, 0},
+      {P("l/0"), mode::Append | mode::Insert, kFound, 0},
+      {P("l/2"), mode::Insert | mode::Replace, kNotFound, 1},
+      {P("0"), mode::Insert | mode::Append, kNotMatched, Code(0x8000004Au)},
+      {P("l/x"), mode::Insert | mode::Append, kNotMatched, Code(0x8000004Au)},
+      {P("a/b"), mode::Insert | mode::Append, kNotMatched, Code(0x8000004Au)},
+      {P("a/3"), mode::Replace, kNotFound, Code(0x8000004Au)},
+  };
+  for (auto const& c : cases) {
+    Setting root = before;
+    EXPECT_EQ(ErrorOf([&] { uvc::SetItem(root, c.path, Int(9), c.mode); }), c.error)
+        << Text(c.path);
+    EXPECT_EQ(root, before);
+    if (c.delCode == 0) continue;
+    EXPECT_EQ(uvc::DelItem(root, c.path, true), c.delCode) << Text(c.path);
+    EXPECT_EQ(root, before);
+  }
+  Setting root = before;
+  EXPECT_EQ(uvc::DelItem(root, Path{}, true), Code(0x80000046u));  // never the root
+  EXPECT_EQ(ErrorOf([&] { uvc::GetItem(before, P("l/2")); }), kNotFound);
+  EXPECT_THROW(uvc::GetItem(before, P("a/x")), std::bad_variant_access);
+}
+
+TEST(Tree, StoresBuildLevelsFillGapsAndKeepTheReplacedNodesAttributes) {
+  Setting root = MapOf({{"x", Int(5, true)}});
+  Setting& stored = uvc::SetItem(root, P("n/a/2/b"), Int(7), mode::Insert);
+  EXPECT_EQ(&stored, &uvc::GetItem(root, P("n/a/2/b")));
+  uvc::SetItem(root, P("x/1"), Int(2, true), mode::Replace | mode::Append);
+  Path const full{K("outer"), K("r")};
+  uvc::SetItem(root, uvc::aux::MakeRefRange(1, full.size(), full), Int(3), mode::Insert);
+  EXPECT_EQ(root,
+            MapOf({{"n", MapOf({{"a", ListOf({Setting(), Setting(), MapOf({{"b", Int(7)}})})}})},
+                   {"r", Int(3)},
+                   {"x", ListOf({Setting(), Int(2, true)}, true)}}));
+  EXPECT_EQ(uvc::DelItem(root, P("x/1"), false), 0);  // reset in place, attributes kept
+  EXPECT_EQ(uvc::DelItem(root, P("x/0"), true), 0);   // erased
+  EXPECT_EQ(uvc::GetItem(root, P("x")), ListOf({ReadOnly(Setting())}, true));
+}
+
+TEST(Tree, ReadOnlyAndForEachLookAtEveryLevelAndStopAtAValuelessNode) {
+  auto const tree = [](bool flag) { return MapOf({{"l", ListOf({Int(2), Int(3, flag)})}}); };
+  EXPECT_NE(tree(false), tree(true));
+  EXPECT_FALSE(settings_manager::IsReadOnly(tree(false)));
+  EXPECT_TRUE(settings_manager::IsReadOnly(tree(true)));
+  EXPECT_FALSE(settings_manager::IsReadOnly(
+      std::get<uvc::index::kMap>(MapOf({{"c", Int(1)}}, true)).at("c")));
+  Setting map = MapOf({{"a", Int(1)}, {"z", Int(2, true)}});
+  MakeValueless(std::get<uvc::index::kMap>(map).at("a"));  // the walk ends before z
+  EXPECT_FALSE(settings_manager::IsReadOnly(map));
+  EXPECT_FALSE(settings_manager::IsReadOnly(ReadOnly(Valueless())));
+  Setting root = MapOf({{"b", ListOf({Int(1), MapOf({})})}, {"a", Int(2)}, {"c", Int(3)}});
+  auto const walk = [&root](Path const& stopAt) {
+    std::string seen;
+    auto const result = uvc::ForEach(root, [&](Setting const& node, Path const& path) {
+      seen += Text(path) + ":" + std::to_string(node.index()) + " ";
+      return path == stopAt ? uvc::for_each::Stop : uvc::for_each::Continue;
+    });
+    return std::make_pair(result, seen);
+  };
+  EXPECT_EQ(walk(P("z")), std::make_pair(uvc::for_each::Continue,
+                                         std::string(":2 a/:6 b/:1 b/0/:6 b/1/:2 c/:6 ")));
+  EXPECT_EQ(walk(P("b/0")),
+            std::make_pair(uvc::for_each::Stop, std::string(":2 a/:6 b/:1 b/0/:6 ")));
+  MakeValueless(std::get<uvc::index::kMap>(root).at("b"));
+  EXPECT_EQ(walk(P("z")).first, uvc::for_each::Valueless);
+  Path const path = P("a/1/b/2");
+  EXPECT_EQ(uvc::aux::ToPath(uvc::aux::MakeRefRange(-10, 1, path)), P("a"));
+  EXPECT_EQ(uvc::aux::ToPath(uvc::aux::MakeRefRange(2, 99, path)), P("b/2"));
+}
+
+TEST(Results, ExceptionsBecomeCodesAndFormattersPrintCodeTexts) {
+  auto const expect = [](auto thrower, std::uint32_t code, char const* text) {
+    uvc::Result result{};
+    try {
+      thrower();
+    } catch (...) {
+      result = uvc::ProcessException();
+    }
+    EXPECT_EQ(result, (uvc::Result{Code(code), text}));
+  };
+  expect([] { throw uvc::Result{Code(0x80000059u), "disk"}; }, 0x80000059u, "disk");
+  expect([] { throw uvc::Error(Code(0x80000066u), "ro"); }, 0x80000066u, "ro");
+  expect([] { static_cast<void>(std::get<std::string>(Setting(true))); }, 0x8000004Au,
+         "uvc: std::bad_variant_access");
+  expect([] { throw std::out_of_range("9"); }, 0x8000004Bu, "uvc: std::exception: 9");
+  expect([] { throw 42; }, 0x80000072u, "uvc: non-std exception");
+  EXPECT_EQ(uvc::ResultOk(), (uvc::Result{0, ""}));
+  EXPECT_EQ(fmt::format("{} {}", uvc::IdState::IndexTooBig, uvc::Result{Code(0x8000004Cu), "x"}),
+            "2 Not found = 0x8000004c");
+  EXPECT_EQ(fmt::format("[{}] {}", uvc::Path{K("a"), I(0)}, uvc::ResultOk()),
+            "[a/0/] No error = 0x0");
+  EXPECT_EQ(fmt::format("{}", uvc::Path{K("a"), I(65536)}), "<path to str fail: state = 2>");
+  EXPECT_EQ(Text(uvc::Path{K("a b")}), "<path to str fail: state = 7>");
+}
+
+}  // namespace
+}  // namespace test_support
