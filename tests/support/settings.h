@@ -1,8 +1,7 @@
 #pragma once
 
 // Builders shared by every suite: paths and ids from text, settings of each shape, a node
-// left valueless, the records as the file holds them, and result checks that print the
-// code's text.
+// left valueless, and result checks that print the code's text (records: records.h).
 
 #include <gtest/gtest.h>
 
@@ -18,6 +17,7 @@
 #include "fdn/result_codes.h"
 #include "settings_manager/paths.h"
 #include "settings_manager/setting.h"
+#include "support/records.h"
 #include "uvc/error.h"
 #include "uvc/path.h"
 
@@ -27,7 +27,6 @@ using settings_manager::Attributes;
 using settings_manager::Setting;
 using Map = std::map<std::string, Setting, std::less<>>;
 using List = std::vector<Setting>;
-using ByteVector = std::vector<std::uint8_t>;
 
 // A code as the spec writes it; tests spell codes in hex so a wrong constant shows.
 constexpr int Code(std::uint32_t bits) { return static_cast<int>(bits); }
@@ -84,46 +83,6 @@ inline std::size_t CountNodes(Setting const& s) {
   if (auto const* map = std::get_if<uvc::index::kMap>(&s))
     for (auto const& entry : *map) count += CountNodes(entry.second);
   return count;
-}
-
-// The records as the file holds them, written out byte by byte rather than taken from the
-// library, so that a wrong encoder there shows. A value record: the variant index in its
-// first byte, the payload from byte 8 in little-endian order.
-inline ByteVector ValueRecord(std::uint8_t index, std::uint64_t payload, std::size_t payloadSize) {
-  ByteVector bytes(8 + std::max<std::size_t>(payloadSize, 8), 0);
-  bytes[0] = index;
-  for (std::size_t i = 0; i < payloadSize && i < 8; ++i)
-    bytes[8 + i] = static_cast<std::uint8_t>(payload >> (8 * i));
-  return bytes;
-}
-inline ByteVector Int32Record(std::int32_t v) { return ValueRecord(6, static_cast<std::uint32_t>(v), 4); }
-inline ByteVector AttribRecord(bool readOnly) {
-  ByteVector bytes(16, 0);
-  bytes[2] = 1;  // version 0x10000
-  bytes[8] = readOnly ? 1 : 0;
-  return bytes;
-}
-
-// "0a00 ff" gives the bytes 0a 00 ff; blanks are for the reader only.
-inline ByteVector Hex(std::string_view text) {
-  std::string digits;
-  for (char c : text)
-    if (c != ' ') digits += c;
-  ByteVector bytes;
-  for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
-    bytes.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-  return bytes;
-}
-// Lower-case hex with a blank after every eighth byte, so the header words stand apart.
-inline std::string ToHex(ByteVector const& bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i != 0 && i % 8 == 0) text += ' ';
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 15];
-  }
-  return text;
 }
 
 // The code and message of the uvc::Error that `action` throws; {0, "nothing thrown"}
