@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -45,5 +46,10 @@ class SqliteFile {
 // Byte helpers for building and reading records in tests.
 std::vector<std::uint8_t> Bytes(std::initializer_list<int> bytes);
 std::string Hex(std::vector<std::uint8_t> const& bytes);
+
+// Rows print as text and hex in failure messages.
+inline void PrintTo(SqliteFile::Row const& row, std::ostream* out) {
+  *out << "{'" << row.path << "', " << Hex(row.value) << ", " << Hex(row.attrib) << "}";
+}
 
 }  // namespace test_support
