@@ -80,9 +80,7 @@ class ManagerTest : public ::testing::Test, protected Roles {
     Setting out;
     return getter->GetSetting(P(path), out);
   }
-  std::vector<SqliteFile::Row> Rows() {
-    return SqliteFile(dbPath).DataRows();
-  }
+  std::vector<SqliteFile::Row> Rows() { return SqliteFile(dbPath).DataRows(); }
   std::vector<std::string> Keys() {
     std::vector<std::string> keys;
     for (auto const& row : Rows()) keys.push_back(row.path);

@@ -14,9 +14,9 @@
 #include <utility>
 #include <vector>
 
-#include "fdn/result_codes.h"
 #include "settings_manager/paths.h"
 #include "settings_manager/setting.h"
+#include "support/codes.h"
 #include "support/records.h"
 #include "uvc/error.h"
 #include "uvc/path.h"
@@ -27,9 +27,6 @@ using settings_manager::Attributes;
 using settings_manager::Setting;
 using Map = std::map<std::string, Setting, std::less<>>;
 using List = std::vector<Setting>;
-
-// A code as the spec writes it; tests spell codes in hex so a wrong constant shows.
-constexpr int Code(std::uint32_t bits) { return static_cast<int>(bits); }
 
 // A path from its text form; the text must be valid.
 inline uvc::Path P(std::string_view text) {
@@ -97,16 +94,4 @@ uvc::Result ErrorOf(Action&& action) {
   return {0, "nothing thrown"};
 }
 
-// A result code compared with the expected one; a failure names both by their texts.
-inline ::testing::AssertionResult RcEquals(char const* expression, char const*, int actual,
-                                           long long expected) {
-  auto const want = static_cast<int>(expected);
-  if (actual == want) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << expression << " gave " << fdn::ResultCodeText(actual)
-                                       << ", expected " << fdn::ResultCodeText(want);
-}
-
 }  // namespace test_support
-
-#define EXPECT_RC(expr, code) EXPECT_PRED_FORMAT2(::test_support::RcEquals, expr, code)
-#define ASSERT_RC(expr, code) ASSERT_PRED_FORMAT2(::test_support::RcEquals, expr, code)
