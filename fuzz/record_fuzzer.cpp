@@ -8,42 +8,31 @@
 #include "fuzz_input.h"
 #include "uvc/error.h"
 
-using settings_manager::Attributes;
 using settings_manager::Setting;
 using settings_manager::impl::RawItem;
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   fuzz::Input input(data, size);
-  auto const attrib = input.Bytes(input.Byte());
-  auto const value = input.Bytes(input.Length16());
-  RawItem const item(attrib, value, input.Rest());
-
-  Attributes attributes{true};
+  auto attrib = input.Bytes(input.Byte());
+  auto value = input.Bytes(input.Length16());
+  RawItem const item(std::move(attrib), std::move(value), input.Text(size));
   try {
+    settings_manager::Attributes attributes{true}, back;
     item.DeserializeAttrib(attributes);
-    settings_manager::impl::RawAttrib const again(attributes);
-    Attributes back;
-    again.DeserializeAttrib(back);
+    settings_manager::impl::RawAttrib(attributes).DeserializeAttrib(back);
     if (back != attributes) __builtin_trap();
   } catch (uvc::Error const&) {
   }
-
-  Setting setting(std::string("old"));
+  Setting setting(std::string("old")), back;
   try {
     item.DeserializeValue(setting);
-    RawItem const again(std::vector<std::uint8_t>(), RawItem::SerializeValue(setting), "");
-    Setting back;
-    again.DeserializeValue(back);
+    RawItem({}, RawItem::SerializeValue(setting), "").DeserializeValue(back);
     if (!fuzz::Same(back, setting)) __builtin_trap();
-  } catch (uvc::Error const&) {
-    // Refused before the target was touched.
-    auto const* old = std::get_if<std::string>(&setting);
-    if (old == nullptr || *old != "old") __builtin_trap();
-  } catch (std::length_error const&) {
-    // A string whose stored length word is 0: documented, the target left valueless.
+  } catch (uvc::Error const&) {  // refused before the target was touched
+    if (setting != Setting(std::string("old"))) __builtin_trap();
+  } catch (std::length_error const&) {  // a string whose length word is 0: left valueless
     if (!setting.valueless_by_exception()) __builtin_trap();
   }
-
   uvc::Path path;
   try {
     item.DeserializePath(path);

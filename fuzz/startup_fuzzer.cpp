@@ -24,70 +24,55 @@ namespace {
 
 namespace sm = settings_manager;
 
-// One file in a folder of this process, rebuilt for every input.
+// One file of this process, rebuilt for every input.
 std::string const& DbPath() {
-  static std::string const path = [] {
-    char const* base = getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/sm-fuzz-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) abort();
-    return pattern + "/settings.db";
-  }();
+  static std::string const path = std::string(getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") +
+                                  "/sm-fuzz-" + std::to_string(getpid()) + ".db";
   return path;
-}
-
-void Remove(std::string const& path) {
-  for (char const* suffix : {"", "-wal", "-shm", "-journal"}) unlink((path + suffix).c_str());
 }
 
 bool Build(std::string const& path, fuzz::Input& input, std::vector<sm::impl::RawItem>& items) {
   auto const flags = input.Byte();
   std::string const version = input.Text(input.Byte() % 8);
   while (!input.Empty() && items.size() < 128) items.push_back(input.Record());
-
   sqlite3* db = nullptr;
-  if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) {
-    sqlite3_close(db);
-    return false;
-  }
+  bool const opened = sqlite3_open(path.c_str(), &db) == SQLITE_OK;
   std::string sql = (flags & 16) ? "PRAGMA journal_mode=WAL;" : "";
   sql += "PRAGMA synchronous=OFF; BEGIN;";
   if (!(flags & 2))
     sql +=
         "CREATE TABLE data (path TEXT NOT NULL UNIQUE, value BLOB NOT NULL, attrib BLOB NOT NULL);";
   if (!(flags & 1)) sql += "CREATE TABLE meta (key TEXT NOT NULL UNIQUE, value TEXT NOT NULL);";
-  sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
-  sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v2(db, "INSERT INTO meta VALUES ('ver', ?)", -1, &statement, nullptr) ==
-      SQLITE_OK) {
+  sqlite3_stmt* meta = nullptr;
+  sqlite3_stmt* row = nullptr;
+  if (opened && sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) >= 0 &&
+      sqlite3_prepare_v2(db, "INSERT INTO meta VALUES ('ver', ?)", -1, &meta, nullptr) ==
+          SQLITE_OK) {
     std::string const text = (flags & 4) ? version : std::string("1");
-    sqlite3_bind_text(statement, 1, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
-    sqlite3_step(statement);
+    sqlite3_bind_text(meta, 1, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+    sqlite3_step(meta);
   }
-  sqlite3_finalize(statement);
-  statement = nullptr;
-  if (sqlite3_prepare_v2(db, "INSERT OR IGNORE INTO data VALUES (?, ?, ?)", -1, &statement,
-                         nullptr) == SQLITE_OK) {
+  if (opened && sqlite3_prepare_v2(db, "INSERT OR IGNORE INTO data VALUES (?, ?, ?)", -1, &row,
+                                   nullptr) == SQLITE_OK) {
     for (auto const& item : items) {
-      sqlite3_bind_text(statement, 1, item.path.data(), static_cast<int>(item.path.size()),
+      sqlite3_bind_text(row, 1, item.path.data(), static_cast<int>(item.path.size()),
                         SQLITE_TRANSIENT);
-      auto bind = [&](int column, std::vector<std::uint8_t> const& bytes) {
-        if (flags & 8)
-          sqlite3_bind_text(statement, column, reinterpret_cast<char const*>(bytes.data()),
-                            static_cast<int>(bytes.size()), SQLITE_TRANSIENT);
-        else
-          sqlite3_bind_blob(statement, column, bytes.data(), static_cast<int>(bytes.size()),
-                            SQLITE_TRANSIENT);
-      };
-      bind(2, item.value);
-      bind(3, item.attrib);
-      sqlite3_step(statement);
-      sqlite3_reset(statement);
+      int column = 2;
+      for (auto const* bytes : {&item.value, &item.attrib}) {
+        auto const size = static_cast<int>(bytes->size());
+        (flags & 8) ? sqlite3_bind_text(row, column++, reinterpret_cast<char const*>(bytes->data()),
+                                        size, SQLITE_TRANSIENT)
+                    : sqlite3_bind_blob(row, column++, bytes->data(), size, SQLITE_TRANSIENT);
+      }
+      sqlite3_step(row);
+      sqlite3_reset(row);
     }
   }
-  sqlite3_finalize(statement);
+  sqlite3_finalize(meta);
+  sqlite3_finalize(row);
   sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
   sqlite3_close(db);
-  return true;
+  return opened;
 }
 
 }  // namespace
@@ -104,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   static test_support::FaultVfs vfs;
   vfs.SyncAll();
   auto const& path = DbPath();
-  Remove(path);
+  for (char const* suffix : {"", "-wal", "-shm", "-journal"}) unlink((path + suffix).c_str());
   fuzz::Input input(data, size);
   std::vector<sm::impl::RawItem> items;
   if (!Build(path, input, items)) return 0;
@@ -123,21 +108,21 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   manager->GetSettingsSetter(setter);
   manager->GetSettingsCreator(creator);
   manager->GetSettingsDeleter(deleter);
-  std::size_t n = 0;
-  for (auto const& item : items) {
-    if (++n > 8) break;
-    auto [p, state] = uvc::FromString(item.path, sm::meta::GetIdSpecification());
-    if (state != uvc::IdState::Ok) continue;
+  for (std::size_t n = 0; n < items.size() && n < 8; ++n) {
+    auto [p, state] = uvc::FromString(items[n].path, sm::meta::GetIdSpecification());
     sm::Setting value;
-    int const got = getter->GetSetting(p, value);
-    if (got > 0) __builtin_trap();
+    int const got = state == uvc::IdState::Ok ? getter->GetSetting(p, value) : 1;
+    if (got > 0) {
+      if (state == uvc::IdState::Ok) __builtin_trap();
+      continue;
+    }
     if (got == 0) {
       setter->SetSetting(p, sm::Setting(std::int32_t{5}));
       setter->SetAttribute(p, sm::Attributes{true});
     } else {
       creator->CreateSetting(p, sm::Setting(true));
     }
-    if (n % 3 == 0) deleter->DeleteSetting(p);
+    if (n % 3 == 2) deleter->DeleteSetting(p);
   }
   getter.reset();
   setter.reset();
