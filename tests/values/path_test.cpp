@@ -19,16 +19,16 @@ std::string const kHigh = "\xC3\xA9t\xC3\xA9";  // bytes above 0x7F are ordinary
 
 TEST(PathText, CheckIdToStringAndFromStringFollowTheRules) {
   EXPECT_EQ(Lib().specialChars, std::string("/\\\"'`%_ "));
-  auto const check = [](uvc::Id const& id, IdState state, IdSpec const& spec = Lib()) {
-    EXPECT_EQ(uvc::aux::CheckId(id, spec), state) << ::testing::PrintToString(id);
+  auto const check = [](uvc::Id const& id, IdState state, IdSpec const& rules = Lib()) {
+    EXPECT_EQ(uvc::aux::CheckId(id, rules), state) << ::testing::PrintToString(id);
   };
   auto const write = [](Path const& path, std::string text, IdState state,
-                        IdSpec const& spec = Lib()) {
-    EXPECT_EQ(uvc::ToString(path, spec), std::make_pair(text, state)) << text;
+                        IdSpec const& rules = Lib()) {
+    EXPECT_EQ(uvc::ToString(path, rules), std::make_pair(text, state)) << text;
   };
   auto const read = [](std::string const& text, Path const& path, IdState state,
-                       IdSpec const& spec = Lib()) {
-    EXPECT_EQ(uvc::FromString(text, spec), std::make_pair(path, state)) << text;
+                       IdSpec const& rules = Lib()) {
+    EXPECT_EQ(uvc::FromString(text, rules), std::make_pair(path, state)) << text;
   };
   check(K(""), IdState::EmptyName);
   check(K("1/"), IdState::DigitFirst);  // the digit test comes first
