@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "settings_manager/settings_manager.h"
+#include "settings_manager/tree_access.h"
 #include "support/captured_log.h"
 #include "support/settings.h"
 #include "support/sqlite_file.h"
@@ -80,9 +82,7 @@ class ManagerTest : public ::testing::Test, protected Roles {
     Setting out;
     return getter->GetSetting(P(path), out);
   }
-  std::vector<SqliteFile::Row> Rows() {
-    return SqliteFile(dbPath).DataRows();
-  }
+  std::vector<SqliteFile::Row> Rows() { return SqliteFile(dbPath).DataRows(); }
   std::vector<std::string> Keys() {
     std::vector<std::string> keys;
     for (auto const& row : Rows()) keys.push_back(row.path);
@@ -99,6 +99,27 @@ class ManagerTest : public ::testing::Test, protected Roles {
     EXPECT_EQ(records[0].function, function);
     // Every format puts a blank after the id, which ends with one itself.
     EXPECT_EQ(records[0].message, prefix + " " + message);
+  }
+  // The records logged since the last Clear, each written "<level> <message>" with the
+  // level as one of the letters TDIWEF; every one comes from the function its message names.
+  void ExpectLog(std::vector<std::string> const& expected) {
+    std::vector<std::string> seen;
+    for (auto const& r : log.Records()) {
+      auto text = r.message.compare(0, prefix.size(), prefix) == 0
+                      ? r.message.substr(std::min(prefix.size() + 1, r.message.size()))
+                      : r.message;
+      auto const name = text.substr(text.rfind("### ", 0) == 0 ? 4 : 0);
+      EXPECT_EQ(r.function, name.substr(0, name.find('('))) << text;
+      EXPECT_EQ(r.file, kManagerSource);
+      seen.push_back(std::string(1, "TDIWEF"[static_cast<int>(r.level)]) + " " + text);
+    }
+    EXPECT_EQ(seen, expected);
+  }
+  // The whole tree in memory.
+  Setting Tree() {
+    Setting tree;
+    EXPECT_EQ(settings_manager::GetTree(*manager, tree), 0);
+    return tree;
   }
   void ExpectNoRecord() {
     auto const messages = log.Messages();
