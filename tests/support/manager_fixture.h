@@ -63,6 +63,7 @@ class ManagerTest : public ::testing::Test, protected Roles {
     auto const init = log.ByFunction("SettingsManager");
     ASSERT_FALSE(init.empty());
     startup.clear();
+    startupRecords = init;
     for (auto const& r : init) startup.push_back(r.message);
     prefix = init.back().message.substr(0, 11);  // "[SM] +XXXX ", the manager's id
     log.Clear();
@@ -130,7 +131,8 @@ class ManagerTest : public ::testing::Test, protected Roles {
   TempDir dir;
   std::string dbPath;
   std::string prefix;
-  std::vector<std::string> startup;  // the start-up messages of the manager now open
+  std::vector<std::string> startup;            // the start-up messages of the manager now open
+  std::vector<CapturedRecord> startupRecords;  // and the whole records
   std::shared_ptr<settings_manager::ISettingsManager> manager;
 };
 
