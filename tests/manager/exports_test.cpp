@@ -35,7 +35,8 @@ TEST(Exports, OnlyThePublicApiEachInItsReleaseNode) {
       R"(logging::Threshold|logging::SetSink|operator==|PathToStr|ListChildren|GetTree|EditTree|)"
       R"(ReplaceTree|CompareTrees|BackupDatabase|RestoreDatabase|ReadSettingFromFile|)"
       R"(meta::GetIdSpecification)|uvc::(ToString|FromString|aux::CheckId|ProcessException|)"
-      R"(ResultOk)|fdn::(ResultCodeText|GeneralCodeText|PlatformCodeText)|tern::rtl::Timestamp::Now))"
+      R"(ResultOk)|fdn::(ResultCodeText|GeneralCodeText|PlatformCodeText)|)"
+      R"(tern::rtl::Timestamp::Now))"
       R"((\[abi:cxx11\])?\(.*|((typeinfo|typeinfo name|vtable) for (uvc::Error|)"
       R"(settings_manager::ISettings\w+))|uvc::Error::.*|sdkProdName)");
   // Internals, wherever they appear (the config struct is public and merely shares a prefix).

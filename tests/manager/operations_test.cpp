@@ -14,7 +14,7 @@ namespace {
 
 constexpr int kFound = Code(0x8000004Du), kNotFound = Code(0x8000004Cu);
 constexpr int kNotMatched = Code(0x8000004Au), kProhibited = Code(0x80000066u);
-constexpr int kInvalidState = Code(0x8000006Au), kMedia = Code(0x80000059u);
+constexpr int kInvalid = Code(0x8000006Au), kMedia = Code(0x80000059u);
 constexpr int kCorrupted = Code(0x80000069u);
 
 enum Op { kCreate, kGet, kGetAttribute, kSetValue, kSetSetting, kSetAttribute, kDelete };
@@ -43,9 +43,11 @@ class Operations : public ManagerTest {
   }
 };
 
+// The file refuses every `what` (INSERT, UPDATE, DELETE) on its data.
 std::string Refuse(std::string const& what) {
   return "CREATE TRIGGER refuse BEFORE " + what + " ON data BEGIN SELECT RAISE(ABORT, 'no'); END";
 }
+std::string const ins = Refuse("INSERT"), up = Refuse("UPDATE"), del = Refuse("DELETE");
 
 // Every alternative, in index order, with both attribute values among them.
 Setting EveryAlternative() {
@@ -74,9 +76,9 @@ struct Case {
   Setting arg;
   int rc;
   std::vector<std::string> log;
+  std::string prepare = "";        // SQL run on the file before the call
   char const* key = "";            // "": the tree and the file stay as they were
   std::optional<Setting> after{};  // what `key` holds afterwards; none: it is not found
-  std::string prepare = "";        // SQL run on the file before the call
 };
 
 TEST_F(Operations, ResultsLogRecordsTreeAndFile) {
@@ -95,19 +97,17 @@ TEST_F(Operations, ResultsLogRecordsTreeAndFile) {
       {kCreate, "a", Int(5, true), kFound, {}},
       {kCreate, "a", Setting(std::int64_t{5}), kFound, {}},
       {kCreate, "l/2", Int(9), kFound, {}},
-      {kCreate, "c/b/c", Str("deep"), 0, {"D CreateSetting(c/b/c/)"}, "c",
-       MapOf({{"b", MapOf({{"c", Str("deep")}})}})},
-      {kCreate, "e", EveryAlternative(), 0, {"D CreateSetting(e/)"}, "e", EveryAlternative()},
+      {kCreate, "c/b/c", Str("d"), 0, {"D CreateSetting(c/b/c/)"}, "", "c",
+       MapOf({{"b", MapOf({{"c", Str("d")}})}})},
+      {kCreate, "e", EveryAlternative(), 0, {"D CreateSetting(e/)"}, "", "e", EveryAlternative()},
       // An index past the end fills the gap; missing levels fit the next id (a list here).
-      {kCreate, "l/5", Int(4, true), 0, {"D CreateSetting(l/5/)"}, "l",
+      {kCreate, "l/5", Int(4, true), 0, {"D CreateSetting(l/5/)"}, "", "l",
        ListOf({Int(0), Int(1), Setting(), Setting(), Setting(), Int(4, true)})},
-      {kCreate, "q/1/k", Int(7), 0, {"D CreateSetting(q/1/k/)"}, "q",
+      {kCreate, "q/1/k", Int(7), 0, {"D CreateSetting(q/1/k/)"}, "", "q",
        ListOf({Setting(), MapOf({{"k", Int(7)}})})},
       {kCreate, "a/x", Int(2), kNotMatched, {"W CreateSetting(a/x/): Not matched = 0x8000004a"}},
       {kCreate, "p/0", Int(2), kNotMatched, {"W CreateSetting(p/0/): Not matched = 0x8000004a"}},
-      {kCreate, "b", Valueless(), kInvalidState,
-       {"W CreateSetting(b/): Invalid state = 0x8000006a"}},
-      // Reads.
+      {kCreate, "b", Valueless(), kInvalid, {"W CreateSetting(b/): Invalid state = 0x8000006a"}},
       {kGet, "p", ListOf({Int(9)}), 0, {}},
       {kGet, "p/q", Int(9), kNotFound, {"W GetSetting(p/q/): Not found = 0x8000004c"}},
       {kGetAttribute, "p/x", Int(0), 0, {}},
@@ -117,65 +117,56 @@ TEST_F(Operations, ResultsLogRecordsTreeAndFile) {
       {kSetValue, "r", Int(5), 1, {}},
       {kSetValue, "r", Int(6), kProhibited, {}},
       {kSetValue, "p", MapOf({}), kProhibited, {}},
-      {kSetValue, "p/y/z", Int(3), 0, {"T SetValue(p/y/z/)"}, "p",
+      {kSetValue, "p/y/z", Int(3), 0, {"T SetValue(p/y/z/)"}, "", "p",
        MapOf({{"x", x}, {"y", MapOf({{"z", Int(3)}})}})},
-      {kSetValue, "p/y", MapOf({{"n", Int(4, true)}}), 0, {"T SetValue(p/y/)"}, "p",
+      {kSetValue, "p/y", MapOf({{"n", Int(4, true)}}), 0, {"T SetValue(p/y/)"}, "", "p",
        MapOf({{"x", x}, {"y", MapOf({{"n", Int(4, true)}})}})},
-      {kSetValue, "a", Str("five"), 0,
-       {"E ### SetValue(a/): old/new value type mismatch: 6/10", "T SetValue(a/)"}, "a",
-       Str("five")},
-      {kSetValue, "n", Setting(std::uint64_t{7}), 0, {"T SetValue(n/)"}, "n",
-       Setting(std::uint64_t{7})},
+      {kSetValue, "a", Str("5"), 0, {"E ### SetValue(a/): old/new value type mismatch: 6/10",
+       "T SetValue(a/)"}, "", "a", Str("5")},
+      {kSetValue, "n", Setting(7.0), 0, {"T SetValue(n/)"}, "", "n", Setting(7.0)},
       {kSetValue, "q", Int(1), kNotFound, {"W SetValue(q/): Not found = 0x8000004c"}},
-      {kSetValue, "a", Valueless(), kInvalidState, {"W SetValue(a/): Invalid state = 0x8000006a"}},
+      {kSetValue, "a", Valueless(), kInvalid, {"W SetValue(a/): Invalid state = 0x8000006a"}},
       // SetSetting replaces read-only nodes too; equal value, other attributes: a change.
       {kSetSetting, "r", Int(5, true), 1, {}},
-      {kSetSetting, "r", Str("x"), 0,
-       {"E ### SetSetting(r/): old/new setting type mismatch: 6/10", "T SetSetting(r/)"}, "r",
-       Str("x")},
-      {kSetSetting, "a", Int(5, true), 0, {"T SetSetting(a/)"}, "a", Int(5, true)},
+      {kSetSetting, "r", Str("x"), 0, {"E ### SetSetting(r/): old/new setting type mismatch: 6/10",
+       "T SetSetting(r/)"}, "", "r", Str("x")},
+      {kSetSetting, "a", Int(5, true), 0, {"T SetSetting(a/)"}, "", "a", Int(5, true)},
       {kSetSetting, "z", Int(1), kNotFound, {"W SetSetting(z/): Not found = 0x8000004c"}},
-      {kSetSetting, "a", Valueless(), kInvalidState,
-       {"W SetSetting(a/): Invalid state = 0x8000006a"}},
+      {kSetSetting, "a", Valueless(), kInvalid, {"W SetSetting(a/): Invalid state = 0x8000006a"}},
       // SetAttribute changes the node alone, with no read-only check; its row must be there.
       {kSetAttribute, "p", Int(0), 1, {}},
-      {kSetAttribute, "p", Int(0, true), 0, {"T SetAttribute(p/) = true"}, "p",
+      {kSetAttribute, "p", Int(0, true), 0, {"T SetAttribute(p/) = true"}, "", "p",
        MapOf({{"x", x}, {"y", y}}, true)},
-      {kSetAttribute, "p/x", Int(0), 0, {"T SetAttribute(p/x/) = false"}, "p",
+      {kSetAttribute, "p/x", Int(0), 0, {"T SetAttribute(p/x/) = false"}, "", "p",
        MapOf({{"x", Int(1)}, {"y", y}})},
       {kSetAttribute, "p/y/z", Int(0, true), kCorrupted,
-       {"W SetAttribute(p/y/z/): Bases corrupted = 0x80000069"}, "", {},
+       {"W SetAttribute(p/y/z/): Bases corrupted = 0x80000069"},
        "DELETE FROM data WHERE path = 'p/y/z/'"},
       // DeleteSetting: 1 when the parent is there and the name is not.
-      {kDelete, "p/y", {}, 0, {"D DeleteSetting(p/y/)"}, "p", MapOf({{"x", x}})},
+      {kDelete, "p/y", {}, 0, {"D DeleteSetting(p/y/)"}, "", "p", MapOf({{"x", x}})},
       {kDelete, "p/q", {}, 1, {"D DeleteSetting(p/q/)"}},
       {kDelete, "p/q/z", {}, kNotMatched, {}},
       {kDelete, "l/1", {}, kProhibited, {"W DeleteSetting(l/1/): Prohibited = 0x80000066"}},
       // Tree and file disagree: the removal stands, or the stray row goes; the call fails.
-      {kDelete, "a", {}, kCorrupted, {"W DeleteSetting(a/): Bases corrupted = 0x80000069"}, "a",
-       std::nullopt, "DELETE FROM data WHERE path = 'a/'"},
-      {kDelete, "z", {}, kCorrupted, {"W DeleteSetting(z/): Bases corrupted = 0x80000069"}, "z",
-       std::nullopt, "INSERT INTO data SELECT 'z/', value, attrib FROM data WHERE path = 'a/'"},
+      {kDelete, "a", {}, kCorrupted, {"W DeleteSetting(a/): Bases corrupted = 0x80000069"},
+       "DELETE FROM data WHERE path = 'a/'", "a"},
+      {kDelete, "z", {}, kCorrupted, {"W DeleteSetting(z/): Bases corrupted = 0x80000069"},
+       "INSERT INTO data SELECT 'z/', value, attrib FROM data WHERE path = 'a/'", "z"},
       // The file refuses the write: the tree is rolled back, at any depth...
-      {kSetValue, "a", Int(2), kMedia, {"W SetValue(a/): Media error = 0x80000059"}, "", {},
-       Refuse("INSERT")},
-      {kSetSetting, "a", Int(7, true), kMedia, {"W SetSetting(a/): Media error = 0x80000059"}, "",
-       {}, Refuse("INSERT")},
-      {kCreate, "p/q/w", Int(3), kMedia, {"W CreateSetting(p/q/w/): Media error = 0x80000059"}, "",
-       {}, Refuse("INSERT")},
-      {kCreate, "c/x", Int(3), kMedia, {"W CreateSetting(c/x/): Media error = 0x80000059"}, "", {},
-       Refuse("INSERT")},
+      {kSetValue, "a", Int(2), kMedia, {"W SetValue(a/): Media error = 0x80000059"}, ins},
+      {kSetSetting, "a", Int(7, true), kMedia, {"W SetSetting(a/): Media error = 0x80000059"}, ins},
+      {kCreate, "p/q/w", Int(3), kMedia, {"W CreateSetting(p/q/w/): Media error = 0x80000059"},
+       ins},
+      {kCreate, "c/x", Int(3), kMedia, {"W CreateSetting(c/x/): Media error = 0x80000059"}, ins},
       {kSetAttribute, "a", Int(0, true), kMedia, {"W SetAttribute(a/): Media error = 0x80000059"},
-       "", {}, Refuse("UPDATE")},
-      {kDelete, "p", {}, kMedia, {"W DeleteSetting(p/): Media error = 0x80000059"}, "", {},
-       Refuse("DELETE")},
-      {kSetValue, "a", Int(2), kMedia, {"W SetValue(a/): Media error = 0x80000059"}, "", {},
-       Refuse("DELETE")},
+       up},
+      {kDelete, "p", {}, kMedia, {"W DeleteSetting(p/): Media error = 0x80000059"}, del},
+      {kSetValue, "a", Int(2), kMedia, {"W SetValue(a/): Media error = 0x80000059"}, del},
       // ... except list elements made by index: they stay, blanked, so positions keep meaning.
-      {kCreate, "l/3", Int(5), kMedia, {"W CreateSetting(l/3/): Media error = 0x80000059"}, "l",
-       ListOf({Int(0), Int(1), Setting(), Setting()}), Refuse("INSERT")},
-      {kCreate, "l/4/k", Int(5), kMedia, {"W CreateSetting(l/4/k/): Media error = 0x80000059"},
-       "l", ListOf({Int(0), Int(1), Setting(), Setting(), Setting()}), Refuse("INSERT")},
+      {kCreate, "l/3", Int(5), kMedia, {"W CreateSetting(l/3/): Media error = 0x80000059"}, ins,
+       "l", ListOf({Int(0), Int(1), Setting(), Setting()})},
+      {kCreate, "l/4/k", Int(5), kMedia, {"W CreateSetting(l/4/k/): Media error = 0x80000059"}, ins,
+       "l", ListOf({Int(0), Int(1), Setting(), Setting(), Setting()})},
   };
   // clang-format on
   for (std::size_t i = 0; i < std::size(cases); ++i) {
