@@ -214,13 +214,13 @@ TEST_F(Operations, InvalidPathsAreRefusedByEveryOperation) {
 }
 
 TEST_F(Operations, CreateBelowAnExistingNodeRewritesThatNodesWholeSubtreeAlone) {
-  ASSERT_EQ(creator->CreateSetting(P("a/x"), Int(1)), 0);
+  ASSERT_EQ(creator->CreateSetting(P("a/x"), Int(1, true)), 0);
   ASSERT_EQ(creator->CreateSetting(P("z"), Int(2)), 0);
   Sql("UPDATE data SET value = x'" + Hex(Int32Record(99)) + "' WHERE path IN ('a/x/', 'z/')");
   ASSERT_EQ(creator->CreateSetting(P("a/b"), Str("deep")), 0);
   auto const rows = Rows();
   ASSERT_EQ(rows.size(), 5u);
-  EXPECT_EQ(rows[3], (SqliteFile::Row{"a/x/", Int32Record(1), AttribRecord(false)}));
+  EXPECT_EQ(rows[3], (SqliteFile::Row{"a/x/", Int32Record(1), AttribRecord(true)}));
   EXPECT_EQ(rows[4], (SqliteFile::Row{"z/", Int32Record(99), AttribRecord(false)}));
 }
 
