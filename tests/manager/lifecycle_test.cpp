@@ -1,221 +1,159 @@
-// Making and releasing managers: the factory, the start-up records, damaged files, and
-// the role interfaces' shared ownership.
+// Making and releasing managers: the start-up records, damaged files, the role interfaces'
+// shared ownership, and the logging API a device program uses.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <regex>
 
-#include "fdn/result_codes.h"
-#include "manager_test_util.h"
+#include "log_environment.h"
 #include "settings_manager.h"  // the class itself, for a manager without shared ownership
+#include "settings_manager/logging.h"
+#include "support/manager_fixture.h"
 
-namespace manager_test {
+namespace test_support {
 namespace {
 
 using settings_manager::CreateSettingsManager;
-using settings_manager::ISettingsManager;
-using settings_manager::SettingsManagerConfig;
-using ::testing::ElementsAre;
+namespace logging = settings_manager::logging;
 
-std::vector<std::string> StartupMessages(test_support::CapturedLog const& log) {
-  std::vector<std::string> messages;
-  for (auto const& r : log.ByFunction("SettingsManager")) {
-    EXPECT_EQ(r.level, LogLevel::Info) << r.message;
-    EXPECT_EQ(r.file, kSource);
-    messages.push_back(r.message);
-  }
-  return messages;
+class Lifecycle : public ManagerTest {};
+
+TEST_F(Lifecycle, StartUpRecordsNameTheFileAndCountTheNodes) {
+  auto const expect = [&](std::string const& read, int nodes) {
+    EXPECT_EQ(startup, (std::vector<std::string>{
+                           prefix + " Init: db path = '" + dbPath + "'...",
+                           prefix + " Create db...", prefix + " Read db...", prefix + read,
+                           prefix + " OK: " + std::to_string(nodes) + " node(s)"}));
+    for (auto const& r : startupRecords) EXPECT_EQ(r.level, LogLevel::Info) << r.message;
+    for (auto const& r : startupRecords) EXPECT_EQ(r.file, kManagerSource);
+  };
+  EXPECT_TRUE(std::regex_match(prefix, std::regex(R"(\[SM\] \+[0-9A-F]{4} )"))) << prefix;
+  expect(" Empty db output", 1);
+  EXPECT_TRUE(Rows().empty());  // nothing is written for the empty root
+  ASSERT_EQ(creator->CreateSetting(P("a/b"), Int(1)), 0);
+  ASSERT_EQ(creator->CreateSetting(P("c"), ListOf({Setting(true), Setting(false)})), 0);
+  Reopen();
+  expect(" Deserialize db data...", 6);
+
+  // Without a file: a minus before the id, which never reaches FFFF, and an empty root map.
+  Open("");
+  EXPECT_TRUE(std::regex_match(prefix, std::regex(R"(\[SM\] -[0-9A-F]{4} )"))) << prefix;
+  EXPECT_NE(prefix, "[SM] -FFFF ");
+  EXPECT_EQ(startup, (std::vector<std::string>{prefix + " Init: db path = ''...",
+                                               prefix + " OK: 1 node(s)"}));
+  EXPECT_RC(GetCode("a"), 0x8000004Cu);
+  ASSERT_EQ(creator->CreateSetting(P("a/b"), Int(1)), 0);
+  EXPECT_EQ(Get("a"), MapOf({{"b", Int(1)}}));
+  // Nothing to disagree with: deletes answer from the tree alone.
+  EXPECT_RC(deleter->DeleteSetting(P("a/b")), 0);
+  EXPECT_RC(deleter->DeleteSetting(P("a/b")), 1);
+  EXPECT_RC(deleter->DeleteSetting(P("a")), 0);
+  EXPECT_RC(deleter->DeleteSetting(P("a/b")), 0x8000004Au);
 }
 
-TEST(ManagerLifecycle, InMemoryManagerStartsWithEmptyRootAndMinusPrefix) {
-  test_support::CapturedLog log;
-  std::shared_ptr<ISettingsManager> manager;
-  ASSERT_EQ(CreateSettingsManager(SettingsManagerConfig{}, manager), 0);
-  ASSERT_NE(manager, nullptr);
-
-  auto const messages = StartupMessages(log);
-  ASSERT_EQ(messages.size(), 2u);
-  EXPECT_TRUE(
-      std::regex_match(messages[0], std::regex(R"(\[SM\] -[0-9A-F]{4}  Init: db path = ''\.\.\.)")))
-      << messages[0];
-  auto const prefix = messages[0].substr(0, 11);
-  EXPECT_NE(prefix, "[SM] -FFFF ");  // the modulus never yields FFFF
-  EXPECT_EQ(messages[1], prefix + " OK: 1 node(s)");
-
-  // The root is an empty map: a key is simply missing (an index would not fit it).
-  std::shared_ptr<settings_manager::ISettingsGetter> getter;
-  ASSERT_EQ(manager->GetSettingsGetter(getter), 0);
-  Setting out;
-  EXPECT_EQ(getter->GetSetting(P("a"), out), fdn::rc::kNotFound);
-  std::shared_ptr<settings_manager::ISettingsCreator> creator;
-  ASSERT_EQ(manager->GetSettingsCreator(creator), 0);
-  EXPECT_EQ(creator->CreateSetting(P("a/b"), Setting(std::int32_t{1})), 0);
-  EXPECT_EQ(getter->GetSetting(P("a"), out), 0);
-  EXPECT_EQ(out, Map({{"b", Setting(std::int32_t{1})}}));
-}
-
-TEST(ManagerLifecycle, FileManagerLogsStartupAndCountsNodesOnReload) {
-  test_support::CapturedLog log;
-  test_support::TempDir dir;
-  auto const path = dir.File("settings.db");
-  {
-    std::shared_ptr<ISettingsManager> manager;
-    ASSERT_EQ(CreateSettingsManager(SettingsManagerConfig{path}, manager), 0);
-    auto const messages = StartupMessages(log);
-    ASSERT_EQ(messages.size(), 5u);
-    ASSERT_TRUE(std::regex_match(messages[0],
-                                 std::regex(R"(\[SM\] \+[0-9A-F]{4}  Init: db path = '.*'\.\.\.)")))
-        << messages[0];
-    auto const prefix = messages[0].substr(0, 11);
-    EXPECT_THAT(messages, ElementsAre(prefix + " Init: db path = '" + path + "'...",
-                                      prefix + " Create db...", prefix + " Read db...",
-                                      prefix + " Empty db output", prefix + " OK: 1 node(s)"));
-    // A fresh database starts as an empty root; nothing is written back for it.
-    EXPECT_TRUE(test_support::SqliteFile(path).DataRows().empty());
-
-    std::shared_ptr<settings_manager::ISettingsCreator> creator;
-    ASSERT_EQ(manager->GetSettingsCreator(creator), 0);
-    ASSERT_EQ(creator->CreateSetting(P("a/b"), Setting(std::int32_t{1})), 0);
-    ASSERT_EQ(creator->CreateSetting(P("c"), List({Setting(true), Setting(false)})), 0);
-  }
-  auto const rows = test_support::SqliteFile(path).DataRows();
-  ASSERT_EQ(rows.size(), 6u);  // root, a, a/b, c, c/0, c/1
-  log.Clear();
-
-  std::shared_ptr<ISettingsManager> manager;
-  ASSERT_EQ(CreateSettingsManager(SettingsManagerConfig{path}, manager), 0);
-  auto const messages = StartupMessages(log);
-  ASSERT_EQ(messages.size(), 5u);
-  auto const prefix = messages[0].substr(0, 11);
-  EXPECT_THAT(messages, ElementsAre(prefix + " Init: db path = '" + path + "'...",
-                                    prefix + " Create db...", prefix + " Read db...",
-                                    prefix + " Deserialize db data...", prefix + " OK: 6 node(s)"));
-}
-
-// A file with the given damage done to it after a manager has stored a few settings.
-class DamagedFile : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::shared_ptr<ISettingsManager> manager;
-    ASSERT_EQ(CreateSettingsManager(SettingsManagerConfig{path}, manager), 0);
-    std::shared_ptr<settings_manager::ISettingsCreator> creator;
-    ASSERT_EQ(manager->GetSettingsCreator(creator), 0);
-    ASSERT_EQ(creator->CreateSetting(P("a"), Setting(std::int32_t{5})), 0);
-    ASSERT_EQ(creator->CreateSetting(P("b"), Str("text")), 0);
-  }
-
-  // Opening fails with `code`: the caller's pointer keeps what it held and the one
-  // record at level 5 tells why.
-  void ExpectCreationFails(int code) {
-    std::shared_ptr<ISettingsManager> kept;
-    ASSERT_EQ(CreateSettingsManager(SettingsManagerConfig{}, kept), 0);
-    auto out = kept;
+TEST_F(Lifecycle, DamagedFilesAreRefusedWithTheReasonAndTheCallersPointerKept) {
+  std::pair<std::string, std::uint32_t> const cases[] = {
+      // The store's "wrong head node" comes before the manager's own head check.
+      {"DELETE FROM data WHERE path = ''", 0x80000071u},
+      {"DELETE FROM data WHERE path <> ''; UPDATE data SET value = x'" + Hex(Int32Record(9)) +
+           "' WHERE path = ''",
+       0x80000075u},
+      {"UPDATE data SET value = x'06000000' WHERE path = 'a/'", 0x8000005Cu},
+      {"", 0x80000059u}};  // a folder that does not exist
+  for (auto const& [damage, code] : cases) {
+    Open(dir.File(std::to_string(code) + ".db"));
+    ASSERT_EQ(creator->CreateSetting(P("a"), Int(5)), 0);
+    Close();
+    if (!damage.empty()) Sql(damage);
+    std::shared_ptr<settings_manager::ISettingsManager> kept, out;
+    ASSERT_EQ(CreateSettingsManager({}, kept), 0);
+    out = kept;
     log.Clear();
-    EXPECT_EQ(CreateSettingsManager(SettingsManagerConfig{path}, out), code);
+    EXPECT_RC(CreateSettingsManager({damage.empty() ? dir.File("no/a.db") : dbPath}, out), code);
     EXPECT_EQ(out, kept);
     auto const fatal = log.ByFunction("CreateSettingsManager");
     ASSERT_EQ(fatal.size(), 1u);
     EXPECT_EQ(fatal[0].level, LogLevel::Fatal);
-    EXPECT_EQ(fatal[0].file, kSource);
+    EXPECT_EQ(fatal[0].file, kManagerSource);
     EXPECT_EQ(fatal[0].message, "Could not create settings manager: " + fdn::ResultCodeText(code));
   }
-
-  test_support::CapturedLog log;
-  test_support::TempDir dir;
-  std::string path = dir.File("settings.db");
-};
-
-TEST_F(DamagedFile, HeadRowThatIsNotTheRootIsRefusedByTheStoreFirst) {
-  test_support::SqliteFile(path).Exec("DELETE FROM data WHERE path = ''");
-  // The store already insists that the first row of a subtree read is the node asked
-  // for, so its "[SMDB] Get: wrong head node" (0x80000071) comes before the manager's
-  // own head-path check could answer 0x80000073.
-  ExpectCreationFails(fdn::MakeCode(0x80000071u));
-  // Reading stopped at "Read db...": nothing was decoded.
-  for (auto const& message : StartupMessages(log))
-    EXPECT_THAT(message, ::testing::Not(::testing::HasSubstr("Deserialize")));
 }
 
-TEST_F(DamagedFile, RootRowThatIsNotAMapIsRefused) {
-  test_support::SqliteFile file(path);
-  file.Exec("DELETE FROM data WHERE path <> ''");
-  file.Exec("UPDATE data SET value = x'" + test_support::Hex(Int32Record(9)) + "' WHERE path = ''");
-  ExpectCreationFails(fdn::MakeCode(0x80000075u));
+TEST_F(Lifecycle, EveryRoleKeepsTheManagerAliveAndTheLastOneEndsIt) {
+  EXPECT_EQ(manager.use_count(), 7);  // one control block for the manager and every role
+  std::weak_ptr<settings_manager::ISettingsManager> const weak = manager;
+  manager.reset();
+  EXPECT_EQ(creator->CreateSetting(P("a/x"), Int(1)), 0);
+  EXPECT_EQ(valueSetter->SetValue(P("a/x"), std::int32_t{2}), 0);
+  EXPECT_EQ(Get("a"), MapOf({{"x", Int(2)}}));
+  Reset();
+  EXPECT_TRUE(weak.expired());
 }
 
-TEST_F(DamagedFile, UndecodableRecordGivesTheDecodersCode) {
-  test_support::SqliteFile(path).Exec("UPDATE data SET value = x'06000000' WHERE path = 'a/'");
-  ExpectCreationFails(fdn::rc::kInvalidSize);  // "[RawSetting] Insufficient raw data size"
-}
-
-TEST_F(DamagedFile, UnopenableFileGivesTheStoresCode) {
-  path = dir.File("no-such-folder/settings.db");
-  ExpectCreationFails(fdn::rc::kMediaError);  // "[SMDB] Could not create settings database"
-}
-
-TEST(ManagerLifecycle, RoleInterfacesKeepTheManagerAlive) {
-  test_support::TempDir dir;
-  auto const path = dir.File("settings.db");
-  Roles roles;
-  {
-    std::shared_ptr<ISettingsManager> manager;
-    ASSERT_EQ(CreateSettingsManager(SettingsManagerConfig{path}, manager), 0);
-    ASSERT_TRUE(roles.From(*manager));
-    EXPECT_EQ(manager.use_count(), 7);  // one control block for the root and every role
-  }
-  EXPECT_EQ(roles.creator->CreateSetting(P("a/x"), Setting(std::int32_t{1})), 0);
-  EXPECT_EQ(roles.valueSetter->SetValue(P("a/x"), std::int32_t{2}), 0);
-  EXPECT_EQ(roles.setter->SetAttribute(P("a/x"), Attributes{true}), 0);
-  EXPECT_EQ(roles.creator->CreateSetting(P("a/y"), Setting(std::int32_t{3})), 0);
-  EXPECT_EQ(roles.deleter->DeleteSetting(P("a/y")), 0);
-  struct Quiet : settings_manager::ISettingsUpdateObserver {
-    void Update(uvc::Path const&, unsigned char) override {}
-  };
-  settings_manager::SubscriptionId id{};
-  EXPECT_EQ(roles.subscriber->Subscribe(P("a"), std::make_shared<Quiet>(), id), 0);
-  EXPECT_EQ(roles.subscriber->Unsubscribe(id), 0);
-  Setting out;
-  EXPECT_EQ(roles.getter->GetSetting(P("a"), out), 0);
-  EXPECT_EQ(out, Map({{"x", ReadOnly(Setting(std::int32_t{2}))}}));
-
-  // The last role pointer ends the manager and closes the file; a new one sees the work.
-  roles.Reset();
-  std::shared_ptr<ISettingsManager> again;
-  ASSERT_EQ(CreateSettingsManager(SettingsManagerConfig{path}, again), 0);
-  ASSERT_TRUE(roles.From(*again));
-  EXPECT_EQ(roles.getter->GetSetting(P("a"), out), 0);
-  EXPECT_EQ(out, Map({{"x", ReadOnly(Setting(std::int32_t{2}))}}));
-}
-
-TEST(ManagerLifecycle, AccessorsOfAManagerWithoutSharedOwnershipRefuse) {
-  test_support::CapturedLog log;
-  std::shared_ptr<ISettingsManager> other;
-  ASSERT_EQ(CreateSettingsManager(SettingsManagerConfig{}, other), 0);
-  Roles roles;
-  ASSERT_TRUE(roles.From(*other));
-  Roles const before = roles;
+TEST_F(Lifecycle, AccessorsOfAManagerWithoutSharedOwnershipRefuse) {
+  Roles const before = *this;
+  settings_manager::SettingsManager local(settings_manager::SettingsManagerConfig{});
+  auto const id = log.ByFunction("SettingsManager").at(0).message.substr(0, 11);
   log.Clear();
+  EXPECT_RC(local.GetSettingsCreator(creator), 0x80000001u);
+  EXPECT_RC(local.GetSettingsGetter(getter), 0x80000001u);
+  EXPECT_RC(local.GetSettingsValueSetter(valueSetter), 0x80000001u);
+  EXPECT_RC(local.GetSettingsSetter(setter), 0x80000001u);
+  EXPECT_RC(local.GetSettingsDeleter(deleter), 0x80000001u);
+  EXPECT_RC(local.GetSettingsUpdateSubscriber(subscriber), 0x80000001u);
+  EXPECT_TRUE(Tie() == before.Tie());
+  std::vector<std::string> seen;
+  for (auto const& r : log.Records())
+    seen.push_back(std::to_string(static_cast<int>(r.level)) + " " + r.function + " " + r.message);
+  EXPECT_EQ(seen, std::vector<std::string>(
+                      6, "4 GetInterface " + id + " Could not get interface: bad_weak_ptr"));
+}
 
-  settings_manager::SettingsManager local(SettingsManagerConfig{});
-  auto const prefix = log.ByFunction("SettingsManager").at(0).message.substr(0, 11);
-  constexpr int kRefused = fdn::rc::kInterfaceNotSupported;
-  EXPECT_EQ(local.GetSettingsCreator(roles.creator), kRefused);
-  EXPECT_EQ(local.GetSettingsGetter(roles.getter), kRefused);
-  EXPECT_EQ(local.GetSettingsValueSetter(roles.valueSetter), kRefused);
-  EXPECT_EQ(local.GetSettingsSetter(roles.setter), kRefused);
-  EXPECT_EQ(local.GetSettingsDeleter(roles.deleter), kRefused);
-  EXPECT_EQ(local.GetSettingsUpdateSubscriber(roles.subscriber), kRefused);
-  EXPECT_TRUE(roles.Tie() == before.Tie());
+TEST_F(Lifecycle, ASinkReceivesTheRecordsTheThresholdLetsThrough) {
+  auto const before = logging::Threshold();
+  std::vector<std::string> seen;  // the calls below log from this thread alone
+  logging::SetSink([&](logging::Record const& r) {
+    seen.push_back(std::to_string(static_cast<int>(r.level)) + " " + std::string(r.source) + " " +
+                   std::string(r.function) + " " + std::string(r.message));
+  });
+  logging::SetThreshold(logging::Level::Off);
+  EXPECT_RC(GetCode("missing"), 0x8000004Cu);
+  logging::SetThreshold(logging::Level::Warning);
+  EXPECT_RC(GetCode("missing"), 0x8000004Cu);
+  logging::SetSink({});
+  EXPECT_RC(GetCode("gone"), 0x8000004Cu);  // to standard error
+  logging::SetThreshold(before);
+  EXPECT_EQ(seen,
+            std::vector<std::string>{"3 " + std::string(kManagerSource) + " GetSetting " + prefix +
+                                     " GetSetting(missing/): Not found = 0x8000004c"});
+}
 
-  auto const refusals = log.ByFunction("GetInterface");
-  ASSERT_EQ(refusals.size(), 6u);
-  for (auto const& r : refusals) {
-    EXPECT_EQ(r.level, LogLevel::Error);
-    EXPECT_EQ(r.file, kSource);
-    EXPECT_EQ(r.message, prefix + " Could not get interface: bad_weak_ptr");
-  }
+TEST(LoggingApi, LevelsAreNamedByNumberOrName) {
+  using settings_manager::log::ParseLogLevel;
+  EXPECT_EQ(ParseLogLevel("0"), logging::Level::Trace);
+  EXPECT_EQ(ParseLogLevel("WARNING"), logging::Level::Warning);
+  EXPECT_EQ(ParseLogLevel("off"), logging::Level::Off);
+  EXPECT_EQ(ParseLogLevel("6"), logging::Level::Off);
+  for (char const* bad : {"", "7", "-1", "warn ", "verbose"})
+    EXPECT_FALSE(ParseLogLevel(bad)) << bad;
+}
+
+// In a process of its own, so that the variable is read fresh; a call overrides it.
+TEST(LoggingApiDeathTest, TheVariableSetsTheStartingThreshold) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  setenv(logging::kLevelVariable, "off", 1);
+  EXPECT_EXIT(
+      {
+        std::shared_ptr<settings_manager::ISettingsManager> manager;
+        CreateSettingsManager({}, manager);
+        int const fromVariable = static_cast<int>(logging::Threshold());
+        logging::SetThreshold(logging::Level::Debug);
+        std::exit(10 * fromVariable + static_cast<int>(logging::Threshold()));
+      },
+      ::testing::ExitedWithCode(61), "");
+  unsetenv(logging::kLevelVariable);
 }
 
 }  // namespace
-}  // namespace manager_test
+}  // namespace test_support

@@ -1,350 +1,228 @@
-// The client operations on one manager with a database file: results, log records, the
-// tree afterwards and the rows on disk.
+// The client operations on a manager with a database file: each call's result, its log
+// records, the tree afterwards, and the file, which must agree with the tree after a change
+// and be untouched after a refusal.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <limits>
+#include <optional>
 
-#include "fdn/result_codes.h"
-#include "manager_test_util.h"
+#include "support/manager_fixture.h"
 
-namespace manager_test {
+namespace test_support {
 namespace {
 
-using ::testing::ElementsAre;
-using Row = test_support::SqliteFile::Row;
+constexpr int kFound = Code(0x8000004Du), kNotFound = Code(0x8000004Cu);
+constexpr int kNotMatched = Code(0x8000004Au), kProhibited = Code(0x80000066u);
+constexpr int kInvalid = Code(0x8000006Au), kMedia = Code(0x80000059u);
+constexpr int kCorrupted = Code(0x80000069u);
 
-constexpr int kProhibited = fdn::rc::kProhibited;
-constexpr int kCorrupted = fdn::rc::kBasesCorrupted;
+enum Op { kCreate, kGet, kGetAttribute, kSetValue, kSetSetting, kSetAttribute, kDelete };
+char const* const kNames[] = {"CreateSetting", "GetSetting",   "GetAttribute", "SetValue",
+                              "SetSetting",    "SetAttribute", "DeleteSetting"};
 
-Setting I32(std::int32_t v) { return Setting(v); }
-
-class Operations : public ManagerTest {};
-
-TEST_F(Operations, CreateExistingPathGivesOneWhenIdenticalAndFoundOtherwise) {
-  ASSERT_EQ(creator->CreateSetting(P("a"), I32(5)), 0);
-  ExpectOnly(LogLevel::Debug, "CreateSetting", "CreateSetting(a/)");
-  auto const rows = Rows();
-  log.Clear();
-
-  EXPECT_EQ(creator->CreateSetting(P("a"), I32(5)), 1);
-  EXPECT_EQ(creator->CreateSetting(P("a"), I32(6)), fdn::rc::kFound);
-  EXPECT_EQ(creator->CreateSetting(P("a"), Setting(std::int64_t{5})), fdn::rc::kFound);
-  EXPECT_EQ(creator->CreateSetting(P("a"), ReadOnly(I32(5))), fdn::rc::kFound);
-  ExpectNoRecord();
-  EXPECT_EQ(Get("a"), I32(5));
-  EXPECT_EQ(Rows(), rows);
-}
-
-TEST_F(Operations, CreateBelowAnExistingNodeRewritesThatNodesWholeSubtree) {
-  ASSERT_EQ(creator->CreateSetting(P("a/x"), I32(1)), 0);
-  ASSERT_EQ(creator->CreateSetting(P("z"), I32(2)), 0);
-  // Damage rows behind the manager's back: one inside a's subtree, one outside it.
-  Sql("UPDATE data SET value = x'" + test_support::Hex(Int32Record(99)) +
-      "' WHERE path IN ('a/x/', 'z/')");
-  log.Clear();
-
-  ASSERT_EQ(creator->CreateSetting(P("a/b/c"), Str("deep")), 0);
-  ExpectOnly(LogLevel::Debug, "CreateSetting", "CreateSetting(a/b/c/)");
-  EXPECT_EQ(Get("a"), Map({{"b", Map({{"c", Str("deep")}})}, {"x", I32(1)}}));
-  EXPECT_THAT(Keys(), ElementsAre("", "a/", "a/b/", "a/b/c/", "a/x/", "z/"));
-  auto const rows = Rows();
-  EXPECT_EQ(rows[4], (Row{"a/x/", Int32Record(1), AttribRecord(false)}));  // rewritten
-  EXPECT_EQ(rows[5], (Row{"z/", Int32Record(99), AttribRecord(false)}));   // left alone
-}
-
-TEST_F(Operations, CreateByListIndexAppendsAndFillsTheGap) {
-  ASSERT_EQ(creator->CreateSetting(P("l"), List({I32(0), I32(1)})), 0);
-  EXPECT_EQ(creator->CreateSetting(P("l/2"), I32(2)), 0);
-  EXPECT_EQ(creator->CreateSetting(P("l/5"), ReadOnly(I32(5))), 0);
-  EXPECT_EQ(Get("l"), List({I32(0), I32(1), I32(2), Setting(), Setting(), ReadOnly(I32(5))}));
-  EXPECT_EQ(creator->CreateSetting(P("l/3"), I32(3)), fdn::rc::kFound);  // a None is there
-  // Missing levels are built to fit the next id: a list before an index, a map before a key.
-  EXPECT_EQ(creator->CreateSetting(P("m/1/k"), I32(7)), 0);
-  EXPECT_EQ(Get("m"), List({Setting(), Map({{"k", I32(7)}})}));
-  EXPECT_THAT(Keys(), ElementsAre("", "l/", "l/0/", "l/1/", "l/2/", "l/3/", "l/4/", "l/5/", "m/",
-                                  "m/0/", "m/1/", "m/1/k/"));
-  Reopen();
-  EXPECT_EQ(Get("l/5"), ReadOnly(I32(5)));
-  EXPECT_EQ(Get("m/1/k"), I32(7));
-}
-
-TEST_F(Operations, CreateThroughANodeOfTheWrongKindChangesNothing) {
-  ASSERT_EQ(creator->CreateSetting(P("s"), I32(1)), 0);
-  ASSERT_EQ(creator->CreateSetting(P("m"), Map({})), 0);
-  auto const rows = Rows();
-  log.Clear();
-  EXPECT_EQ(creator->CreateSetting(P("s/x"), I32(2)), fdn::rc::kNotMatched);
-  ExpectOnly(LogLevel::Warning, "CreateSetting", "CreateSetting(s/x/): Not matched = 0x8000004a");
-  log.Clear();
-  EXPECT_EQ(creator->CreateSetting(P("m/0"), I32(2)), fdn::rc::kNotMatched);
-  ExpectOnly(LogLevel::Warning, "CreateSetting", "CreateSetting(m/0/): Not matched = 0x8000004a");
-  EXPECT_EQ(Get("s"), I32(1));
-  EXPECT_EQ(Get("m"), Map({}));
-  EXPECT_EQ(Rows(), rows);
-}
-
-TEST_F(Operations, GetSettingCopiesTheWholeSubtreeOverAnyPreviousValue) {
-  auto const tree = Map({{"x", ReadOnly(I32(1))}, {"y", List({Str("a"), ReadOnly(Str("b"))})}});
-  ASSERT_EQ(creator->CreateSetting(P("t"), ReadOnly(tree)), 0);
-  Setting out = List({I32(9)});
-  ASSERT_EQ(getter->GetSetting(P("t"), out), 0);
-  EXPECT_EQ(out, ReadOnly(tree));
-  Attributes attributes;
-  ASSERT_EQ(getter->GetAttribute(P("t/y/1"), attributes), 0);
-  EXPECT_TRUE(attributes.readOnly);
-
-  // A failed read leaves the caller's value alone and says why.
-  log.Clear();
-  EXPECT_EQ(getter->GetSetting(P("t/q"), out), fdn::rc::kNotFound);
-  ExpectOnly(LogLevel::Warning, "GetSetting", "GetSetting(t/q/): Not found = 0x8000004c");
-  log.Clear();
-  EXPECT_EQ(getter->GetAttribute(P("t/x/0"), attributes), fdn::rc::kNotMatched);
-  ExpectOnly(LogLevel::Warning, "GetAttribute", "GetAttribute(t/x/0/): Not matched = 0x8000004a");
-  EXPECT_EQ(out, ReadOnly(tree));
-  EXPECT_TRUE(attributes.readOnly);
-}
-
-TEST_F(Operations, SetValueHonoursReadOnlyUnlessTheValueIsEqual) {
-  ASSERT_EQ(creator->CreateSetting(P("r"), ReadOnly(I32(5))), 0);
-  ASSERT_EQ(creator->CreateSetting(P("p"), Map({{"x", ReadOnly(I32(1))}, {"y", I32(2)}})), 0);
-  auto const rows = Rows();
-  log.Clear();
-
-  EXPECT_EQ(valueSetter->SetValue(P("r"), std::int32_t{5}), 1);  // equal: attributes not compared
-  EXPECT_EQ(valueSetter->SetValue(P("r"), std::int32_t{6}), kProhibited);
-  // A read-only node anywhere below guards the whole subtree's value.
-  EXPECT_EQ(valueSetter->SetValue(P("p"), Map({})), kProhibited);
-  ExpectNoRecord();
-  EXPECT_EQ(Get("r"), ReadOnly(I32(5)));
-  EXPECT_EQ(Rows(), rows);
-
-  // A writable sibling is still free, and the privileged setters work on the guarded node.
-  EXPECT_EQ(valueSetter->SetValue(P("p/y"), std::int32_t{3}), 0);
-  ExpectOnly(LogLevel::Trace, "SetValue", "SetValue(p/y/)");
-  EXPECT_EQ(setter->SetSetting(P("r"), I32(6)), 0);
-  EXPECT_EQ(setter->SetAttribute(P("p/x"), Attributes{false}), 0);
-  EXPECT_EQ(valueSetter->SetValue(P("p"), Map({{"n", I32(4)}})), 0);
-  EXPECT_EQ(Get("p"), Map({{"n", I32(4)}}));
-  EXPECT_THAT(Keys(), ElementsAre("", "p/", "p/n/", "r/"));
-}
-
-TEST_F(Operations, SetValueChangesTheTypeWithAWarningExceptFromNone) {
-  ASSERT_EQ(creator->CreateSetting(P("a"), I32(5)), 0);
-  ASSERT_EQ(creator->CreateSetting(P("n"), Setting()), 0);
-  log.Clear();
-
-  EXPECT_EQ(valueSetter->SetValue(P("a"), std::string("five")), 0);
-  auto records = log.Records();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].level, LogLevel::Error);
-  EXPECT_EQ(records[0].function, "SetValue");
-  EXPECT_EQ(records[0].message, prefix + " ### SetValue(a/): old/new value type mismatch: 6/10");
-  EXPECT_EQ(records[1].level, LogLevel::Trace);
-  EXPECT_EQ(records[1].message, prefix + " SetValue(a/)");
-  EXPECT_EQ(Get("a"), Str("five"));
-
-  log.Clear();
-  EXPECT_EQ(valueSetter->SetValue(P("n"), std::uint64_t{7}), 0);
-  ExpectOnly(LogLevel::Trace, "SetValue", "SetValue(n/)");
-  Reopen();
-  EXPECT_EQ(Get("a"), Str("five"));
-  EXPECT_EQ(Get("n"), Setting(std::uint64_t{7}));
-
-  EXPECT_EQ(valueSetter->SetValue(P("q"), std::int32_t{1}), fdn::rc::kNotFound);
-  ExpectOnly(LogLevel::Warning, "SetValue", "SetValue(q/): Not found = 0x8000004c");
-}
-
-// Records every update; Wait blocks until `count` have arrived.
-class Recorder : public settings_manager::ISettingsUpdateObserver {
- public:
-  void Update(uvc::Path const& path, unsigned char kind) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    seen_.emplace_back(settings_manager::PathToStr(path), kind);
-    arrived_.notify_all();
+class Operations : public ManagerTest {
+ protected:
+  // One call with `arg` as the setting, value or attributes it takes; a read starts from
+  // `arg` and must leave it alone on failure and overwrite it whole on success.
+  int Call(Op op, uvc::Path const& path, Setting const& arg) {
+    if (op == kCreate) return creator->CreateSetting(path, arg);
+    if (op == kSetValue) return valueSetter->SetValue(path, arg.value());
+    if (op == kSetSetting) return setter->SetSetting(path, arg);
+    if (op == kSetAttribute) return setter->SetAttribute(path, arg.attributes);
+    if (op == kDelete) return deleter->DeleteSetting(path);
+    Setting out = arg;
+    int const rc =
+        op == kGet ? getter->GetSetting(path, out) : getter->GetAttribute(path, out.attributes);
+    auto const expected = rc == 0 ? Get(Text(path)) : arg;
+    EXPECT_EQ(out.attributes.readOnly, expected.attributes.readOnly);
+    if (op == kGet) {
+      EXPECT_EQ(out, expected);
+    }
+    return rc;
   }
-  std::vector<std::pair<std::string, unsigned char>> Wait(std::size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    arrived_.wait(lock, [&] { return seen_.size() >= count; });
-    return seen_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<std::pair<std::string, unsigned char>> seen_;
 };
 
-TEST_F(Operations, SetSettingReplacesEvenReadOnlyNodes) {
-  ASSERT_EQ(creator->CreateSetting(P("a"), ReadOnly(I32(5))), 0);
-  log.Clear();
-  EXPECT_EQ(setter->SetSetting(P("a"), ReadOnly(I32(5))), 1);
-  ExpectNoRecord();
+// The file refuses every `what` (INSERT, UPDATE, DELETE) on its data.
+std::string Refuse(std::string const& what) {
+  return "CREATE TRIGGER refuse BEFORE " + what + " ON data BEGIN SELECT RAISE(ABORT, 'no'); END";
+}
+std::string const ins = Refuse("INSERT"), up = Refuse("UPDATE"), del = Refuse("DELETE");
 
-  EXPECT_EQ(setter->SetSetting(P("a"), Str("x")), 0);
-  auto const records = log.Records();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].level, LogLevel::Error);
-  EXPECT_EQ(records[0].message,
-            prefix + " ### SetSetting(a/): old/new setting type mismatch: 6/10");
-  EXPECT_EQ(records[1].level, LogLevel::Trace);
-  EXPECT_EQ(records[1].function, "SetSetting");
-  EXPECT_EQ(records[1].message, prefix + " SetSetting(a/)");
-  EXPECT_EQ(Get("a"), Str("x"));
-
-  // Equal value, other attributes: a change.
-  log.Clear();
-  EXPECT_EQ(setter->SetSetting(P("a"), ReadOnly(Str("x"))), 0);
-  ExpectOnly(LogLevel::Trace, "SetSetting", "SetSetting(a/)");
-  EXPECT_EQ(Rows().at(1).attrib, AttribRecord(true));
-
-  // Nothing was queued while nobody listened: a later subscriber hears only what follows.
-  auto recorder = std::make_shared<Recorder>();
-  settings_manager::SubscriptionId id{};
-  ASSERT_EQ(subscriber->Subscribe(uvc::Path(), recorder, id), 0);
-  ASSERT_EQ(setter->SetSetting(P("z"), I32(1)), fdn::rc::kNotFound);
-  ASSERT_EQ(creator->CreateSetting(P("z"), I32(1)), 0);
-  ASSERT_EQ(setter->SetSetting(P("z"), I32(2)), 0);
-  auto const seen = recorder->Wait(1);
-  EXPECT_EQ(seen.front().first, "z/");
-  ASSERT_EQ(subscriber->Unsubscribe(id), 0);
+// Every alternative, in index order, with both attribute values among them.
+Setting EveryAlternative() {
+  Setting every =
+      ListOf({Setting(), ListOf({Setting(std::int8_t{-1}), Str("in list", true), ListOf({})}),
+              MapOf({{"k", Setting(0.25)}, {"m", MapOf({}, true)}, {"s", Str("")}}), Setting(true),
+              Setting(std::int8_t{-128}), Setting(std::int16_t{-2}),
+              Setting(std::numeric_limits<std::int32_t>::min()),
+              Setting(std::numeric_limits<std::int64_t>::min()), Setting(-1.5e300),
+              Setting(tern::rtl::Timestamp(1700000000123456)), Str(std::string("a/b \0 z", 7)),
+              Setting(ByteVector{0, 255, 1}), Setting(std::uint8_t{255}),
+              Setting(std::uint16_t{65535}), Setting(std::numeric_limits<std::uint32_t>::max()),
+              Setting(std::numeric_limits<std::uint64_t>::max())});
+  auto& list = std::get<uvc::index::kList>(every);
+  EXPECT_EQ(list.size(), uvc::index::kCount);
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    EXPECT_EQ(list[i].index(), i);
+    list[i].attributes.readOnly = i % 2 == 1;
+  }
+  return every;
 }
 
-TEST_F(Operations, SetAttributeChangesTheNodeAloneAndChecksTheRow) {
-  ASSERT_EQ(creator->CreateSetting(P("a"), Map({{"x", I32(1)}})), 0);
-  log.Clear();
-  EXPECT_EQ(setter->SetAttribute(P("a"), Attributes{false}), 1);
-  ExpectNoRecord();
-  EXPECT_EQ(setter->SetAttribute(P("a"), Attributes{true}), 0);
-  ExpectOnly(LogLevel::Trace, "SetAttribute", "SetAttribute(a/) = true");
-  EXPECT_EQ(Get("a"), ReadOnly(Map({{"x", I32(1)}})));
-  auto rows = Rows();
-  EXPECT_EQ(rows[1].attrib, AttribRecord(true));
-  EXPECT_EQ(rows[2].attrib, AttribRecord(false));
-  // No read-only check: this is how the mark is cleared.
-  log.Clear();
-  EXPECT_EQ(setter->SetAttribute(P("a"), Attributes{false}), 0);
-  ExpectOnly(LogLevel::Trace, "SetAttribute", "SetAttribute(a/) = false");
+struct Case {
+  Op op;
+  char const* path;
+  Setting arg;
+  int rc;
+  std::vector<std::string> log;
+  std::string prepare = "";        // SQL run on the file before the call
+  char const* key = "";            // "": the tree and the file stay as they were
+  std::optional<Setting> after{};  // what `key` holds afterwards; none: it is not found
+};
 
-  // The row has gone behind the manager's back: refused, and the tree keeps its state.
-  Sql("DELETE FROM data WHERE path = 'a/x/'");
-  log.Clear();
-  EXPECT_EQ(setter->SetAttribute(P("a/x"), Attributes{true}), kCorrupted);
-  ExpectOnly(LogLevel::Warning, "SetAttribute", "SetAttribute(a/x/): Bases corrupted = 0x80000069");
-  Attributes attributes{true};
-  EXPECT_EQ(getter->GetAttribute(P("a/x"), attributes), 0);
-  EXPECT_FALSE(attributes.readOnly);
-}
-
-TEST_F(Operations, DeleteSettingRemovesNamedSubtrees) {
-  ASSERT_EQ(creator->CreateSetting(P("a"), Map({{"b", Map({{"c", I32(1)}})}, {"d", I32(2)}})), 0);
-  ASSERT_EQ(creator->CreateSetting(P("l"), List({I32(1), I32(2)})), 0);
-  log.Clear();
-
-  EXPECT_EQ(deleter->DeleteSetting(P("a/b")), 0);
-  ExpectOnly(LogLevel::Debug, "DeleteSetting", "DeleteSetting(a/b/)");
-  EXPECT_EQ(Get("a"), Map({{"d", I32(2)}}));
-  EXPECT_THAT(Keys(), ElementsAre("", "a/", "a/d/", "l/", "l/0/", "l/1/"));
-
-  log.Clear();
-  EXPECT_EQ(deleter->DeleteSetting(P("a/b")), 1);  // the parent is there, the name is not
-  ExpectOnly(LogLevel::Debug, "DeleteSetting", "DeleteSetting(a/b/)");
-  log.Clear();
-  EXPECT_EQ(deleter->DeleteSetting(P("a/b/c")), fdn::rc::kNotMatched);
-  ExpectNoRecord();
-  EXPECT_EQ(deleter->DeleteSetting(P("l/1")), kProhibited);
-  ExpectOnly(LogLevel::Warning, "DeleteSetting", "DeleteSetting(l/1/): Prohibited = 0x80000066");
-  EXPECT_EQ(Get("l"), List({I32(1), I32(2)}));
-  EXPECT_THAT(Keys(), ElementsAre("", "a/", "a/d/", "l/", "l/0/", "l/1/"));
-}
-
-TEST_F(Operations, DeleteSettingReportsATreeAndFileThatDisagree) {
-  ASSERT_EQ(creator->CreateSetting(P("a"), I32(1)), 0);
-  // No row for a node of the tree: the removal stands, the call fails.
-  Sql("DELETE FROM data WHERE path = 'a/'");
-  log.Clear();
-  EXPECT_EQ(deleter->DeleteSetting(P("a")), kCorrupted);
-  ExpectOnly(LogLevel::Warning, "DeleteSetting", "DeleteSetting(a/): Bases corrupted = 0x80000069");
-  EXPECT_EQ(GetCode("a"), fdn::rc::kNotFound);
-
-  // A single row for a node the tree does not have: the row goes, the call fails.
-  test_support::SqliteFile(dbPath).InsertRow({"z/", Int32Record(3), AttribRecord(false)});
-  log.Clear();
-  EXPECT_EQ(deleter->DeleteSetting(P("z")), kCorrupted);
-  ExpectOnly(LogLevel::Warning, "DeleteSetting", "DeleteSetting(z/): Bases corrupted = 0x80000069");
-  EXPECT_THAT(Keys(), ElementsAre(""));
+TEST_F(Operations, ResultsLogRecordsTreeAndFile) {
+  // Every case starts from this tree on a fresh file.
+  auto const base = MapOf({{"a", Int(5)},
+                           {"l", ListOf({Int(0), Int(1), Setting()})},
+                           {"n", Setting()},
+                           {"p", MapOf({{"x", Int(1, true)}, {"y", MapOf({{"z", Int(2)}})}})},
+                           {"r", Int(5, true)}});
+  auto const x = Int(1, true), y = MapOf({{"z", Int(2)}});
+  // clang-format off
+  Case const cases[] = {
+      // CreateSetting: an identical setting is there (1), a different one (Found).
+      {kCreate, "a", Int(5), 1, {}},
+      {kCreate, "a", Int(6), kFound, {}},
+      {kCreate, "a", Int(5, true), kFound, {}},
+      {kCreate, "a", Setting(std::int64_t{5}), kFound, {}},
+      {kCreate, "l/2", Int(9), kFound, {}},
+      {kCreate, "c/b/c", Str("d"), 0, {"D CreateSetting(c/b/c/)"}, "", "c",
+       MapOf({{"b", MapOf({{"c", Str("d")}})}})},
+      {kCreate, "e", EveryAlternative(), 0, {"D CreateSetting(e/)"}, "", "e", EveryAlternative()},
+      // An index past the end fills the gap; missing levels fit the next id (a list here).
+      {kCreate, "l/5", Int(4, true), 0, {"D CreateSetting(l/5/)"}, "", "l",
+       ListOf({Int(0), Int(1), Setting(), Setting(), Setting(), Int(4, true)})},
+      {kCreate, "q/1/k", Int(7), 0, {"D CreateSetting(q/1/k/)"}, "", "q",
+       ListOf({Setting(), MapOf({{"k", Int(7)}})})},
+      {kCreate, "a/x", Int(2), kNotMatched, {"W CreateSetting(a/x/): Not matched = 0x8000004a"}},
+      {kCreate, "p/0", Int(2), kNotMatched, {"W CreateSetting(p/0/): Not matched = 0x8000004a"}},
+      {kCreate, "b", Valueless(), kInvalid, {"W CreateSetting(b/): Invalid state = 0x8000006a"}},
+      {kGet, "p", ListOf({Int(9)}), 0, {}},
+      {kGet, "p/q", Int(9), kNotFound, {"W GetSetting(p/q/): Not found = 0x8000004c"}},
+      {kGetAttribute, "p/x", Int(0), 0, {}},
+      {kGetAttribute, "p/x/0", Int(0, true), kNotMatched,
+       {"W GetAttribute(p/x/0/): Not matched = 0x8000004a"}},
+      // SetValue: equal is 1 even when read-only; a read-only node anywhere below guards.
+      {kSetValue, "r", Int(5), 1, {}},
+      {kSetValue, "r", Int(6), kProhibited, {}},
+      {kSetValue, "p", MapOf({}), kProhibited, {}},
+      {kSetValue, "p/y/z", Int(3), 0, {"T SetValue(p/y/z/)"}, "", "p",
+       MapOf({{"x", x}, {"y", MapOf({{"z", Int(3)}})}})},
+      {kSetValue, "p/y", MapOf({{"n", Int(4, true)}}), 0, {"T SetValue(p/y/)"}, "", "p",
+       MapOf({{"x", x}, {"y", MapOf({{"n", Int(4, true)}})}})},
+      {kSetValue, "a", Str("5"), 0, {"E ### SetValue(a/): old/new value type mismatch: 6/10",
+       "T SetValue(a/)"}, "", "a", Str("5")},
+      {kSetValue, "n", Setting(7.0), 0, {"T SetValue(n/)"}, "", "n", Setting(7.0)},
+      {kSetValue, "q", Int(1), kNotFound, {"W SetValue(q/): Not found = 0x8000004c"}},
+      {kSetValue, "a", Valueless(), kInvalid, {"W SetValue(a/): Invalid state = 0x8000006a"}},
+      // SetSetting replaces read-only nodes too; equal value, other attributes: a change.
+      {kSetSetting, "r", Int(5, true), 1, {}},
+      {kSetSetting, "r", Str("x"), 0, {"E ### SetSetting(r/): old/new setting type mismatch: 6/10",
+       "T SetSetting(r/)"}, "", "r", Str("x")},
+      {kSetSetting, "a", Int(5, true), 0, {"T SetSetting(a/)"}, "", "a", Int(5, true)},
+      {kSetSetting, "z", Int(1), kNotFound, {"W SetSetting(z/): Not found = 0x8000004c"}},
+      {kSetSetting, "a", Valueless(), kInvalid, {"W SetSetting(a/): Invalid state = 0x8000006a"}},
+      // SetAttribute changes the node alone, with no read-only check; its row must be there.
+      {kSetAttribute, "p", Int(0), 1, {}},
+      {kSetAttribute, "p", Int(0, true), 0, {"T SetAttribute(p/) = true"}, "", "p",
+       MapOf({{"x", x}, {"y", y}}, true)},
+      {kSetAttribute, "p/x", Int(0), 0, {"T SetAttribute(p/x/) = false"}, "", "p",
+       MapOf({{"x", Int(1)}, {"y", y}})},
+      {kSetAttribute, "p/y/z", Int(0, true), kCorrupted,
+       {"W SetAttribute(p/y/z/): Bases corrupted = 0x80000069"},
+       "DELETE FROM data WHERE path = 'p/y/z/'"},
+      // DeleteSetting: 1 when the parent is there and the name is not.
+      {kDelete, "p/y", {}, 0, {"D DeleteSetting(p/y/)"}, "", "p", MapOf({{"x", x}})},
+      {kDelete, "p/q", {}, 1, {"D DeleteSetting(p/q/)"}},
+      {kDelete, "p/q/z", {}, kNotMatched, {}},
+      {kDelete, "l/1", {}, kProhibited, {"W DeleteSetting(l/1/): Prohibited = 0x80000066"}},
+      // Tree and file disagree: the removal stands, or the stray row goes; the call fails.
+      {kDelete, "a", {}, kCorrupted, {"W DeleteSetting(a/): Bases corrupted = 0x80000069"},
+       "DELETE FROM data WHERE path = 'a/'", "a"},
+      {kDelete, "z", {}, kCorrupted, {"W DeleteSetting(z/): Bases corrupted = 0x80000069"},
+       "INSERT INTO data SELECT 'z/', value, attrib FROM data WHERE path = 'a/'", "z"},
+      // The file refuses the write: the tree is rolled back, at any depth...
+      {kSetValue, "a", Int(2), kMedia, {"W SetValue(a/): Media error = 0x80000059"}, ins},
+      {kSetSetting, "a", Int(7, true), kMedia, {"W SetSetting(a/): Media error = 0x80000059"}, ins},
+      {kCreate, "p/q/w", Int(3), kMedia, {"W CreateSetting(p/q/w/): Media error = 0x80000059"},
+       ins},
+      {kCreate, "c/x", Int(3), kMedia, {"W CreateSetting(c/x/): Media error = 0x80000059"}, ins},
+      {kSetAttribute, "a", Int(0, true), kMedia, {"W SetAttribute(a/): Media error = 0x80000059"},
+       up},
+      {kDelete, "p", {}, kMedia, {"W DeleteSetting(p/): Media error = 0x80000059"}, del},
+      {kSetValue, "a", Int(2), kMedia, {"W SetValue(a/): Media error = 0x80000059"}, del},
+      // ... except list elements made by index: they stay, blanked, so positions keep meaning.
+      {kCreate, "l/3", Int(5), kMedia, {"W CreateSetting(l/3/): Media error = 0x80000059"}, ins,
+       "l", ListOf({Int(0), Int(1), Setting(), Setting()})},
+      {kCreate, "l/4/k", Int(5), kMedia, {"W CreateSetting(l/4/k/): Media error = 0x80000059"}, ins,
+       "l", ListOf({Int(0), Int(1), Setting(), Setting(), Setting()})},
+  };
+  // clang-format on
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    auto const& c = cases[i];
+    SCOPED_TRACE(std::string(kNames[c.op]) + " " + c.path + ", case " + std::to_string(i));
+    Open(dir.File(std::to_string(i) + ".db"));
+    ASSERT_EQ(settings_manager::ReplaceTree(*manager, base), 0);
+    if (!c.prepare.empty()) Sql(c.prepare);
+    auto const tree = Tree();
+    auto const rows = Rows();
+    log.Clear();
+    EXPECT_RC(Call(c.op, P(c.path), c.arg), c.rc);
+    ExpectLog(c.log);
+    auto expected = tree;
+    auto& top = std::get<uvc::index::kMap>(expected);
+    if (*c.key != '\0') top.erase(c.key);
+    if (c.after) top.emplace(c.key, *c.after);
+    EXPECT_EQ(Tree(), expected);
+    if (*c.key == '\0' || (c.rc != 0 && c.rc != kCorrupted)) {
+      EXPECT_EQ(Rows(), rows);  // refused: the file is untouched whatever the tree keeps
+      continue;
+    }
+    EXPECT_EQ(Rows().size(), CountNodes(expected));
+    if (c.rc != 0) continue;
+    Reopen();
+    EXPECT_EQ(Tree(), expected);
+    EXPECT_EQ(startup.back(), prefix + " OK: " + std::to_string(CountNodes(expected)) + " node(s)");
+  }
 }
 
 TEST_F(Operations, InvalidPathsAreRefusedByEveryOperation) {
-  ASSERT_EQ(creator->CreateSetting(P("a"), List({I32(1)})), 0);
-  log.Clear();
-  std::vector<uvc::Path> const bad = {
-      {},
-      {uvc::Id(std::uint64_t{0}), uvc::Id(std::string("a"))},
-      {uvc::Id(std::string("a b"))},
-      {uvc::Id(std::string("a")), uvc::Id(std::uint64_t{65536})},
-  };
-  for (auto const& path : bad) {
-    auto const text = settings_manager::PathToStr(path);
-    auto expect = [&](int code, char const* operation) {
-      EXPECT_EQ(code, fdn::rc::kInvalidArgument) << operation << " " << text;
-      ExpectOnly(LogLevel::Warning, operation,
-                 std::string(operation) + "(" + text + "): Invalid argument = 0x80000046");
+  ASSERT_EQ(creator->CreateSetting(P("a"), ListOf({Int(1)})), 0);
+  auto const rows = Rows();
+  for (auto const& path :
+       std::vector<uvc::Path>{{}, {I(0), K("a")}, {K("a b")}, {K("a"), I(65536)}}) {
+    for (auto op : {kCreate, kGet, kGetAttribute, kSetValue, kSetSetting, kSetAttribute, kDelete}) {
       log.Clear();
-    };
-    Setting out;
-    Attributes attributes;
-    expect(creator->CreateSetting(path, I32(1)), "CreateSetting");
-    expect(getter->GetSetting(path, out), "GetSetting");
-    expect(getter->GetAttribute(path, attributes), "GetAttribute");
-    expect(valueSetter->SetValue(path, std::int32_t{1}), "SetValue");
-    expect(setter->SetSetting(path, I32(1)), "SetSetting");
-    expect(setter->SetAttribute(path, Attributes{true}), "SetAttribute");
-    expect(deleter->DeleteSetting(path), "DeleteSetting");
+      EXPECT_RC(Call(op, path, Int(1, true)), 0x80000046u);
+      ExpectLog(
+          {"W " + std::string(kNames[op]) + "(" + Text(path) + "): Invalid argument = 0x80000046"});
+    }
   }
-  EXPECT_EQ(Get("a"), List({I32(1)}));
-  EXPECT_THAT(Keys(), ElementsAre("", "a/", "a/0/"));
+  EXPECT_EQ(Get("a"), ListOf({Int(1)}));
+  EXPECT_EQ(Rows(), rows);
 }
 
-TEST_F(Operations, ValuelessValuesAreRefused) {
-  ASSERT_EQ(creator->CreateSetting(P("a"), I32(1)), 0);
-  log.Clear();
-  Setting setting;
-  MakeValueless(setting);
-  uvc::TValue<Setting> value;
-  MakeValueless(value);
-  ASSERT_TRUE(setting.valueless_by_exception() && value.valueless_by_exception());
-
-  EXPECT_EQ(creator->CreateSetting(P("b"), setting), fdn::rc::kInvalidState);
-  ExpectOnly(LogLevel::Warning, "CreateSetting", "CreateSetting(b/): Invalid state = 0x8000006a");
-  log.Clear();
-  EXPECT_EQ(valueSetter->SetValue(P("a"), value), fdn::rc::kInvalidState);
-  ExpectOnly(LogLevel::Warning, "SetValue", "SetValue(a/): Invalid state = 0x8000006a");
-  log.Clear();
-  EXPECT_EQ(setter->SetSetting(P("a"), setting), fdn::rc::kInvalidState);
-  ExpectOnly(LogLevel::Warning, "SetSetting", "SetSetting(a/): Invalid state = 0x8000006a");
-  EXPECT_EQ(Get("a"), I32(1));
-  EXPECT_THAT(Keys(), ElementsAre("", "a/"));
-}
-
-TEST(OperationsInMemory, DeleteWithoutADatabaseHasNothingToDisagreeWith) {
-  std::shared_ptr<settings_manager::ISettingsManager> manager;
-  ASSERT_EQ(settings_manager::CreateSettingsManager({}, manager), 0);
-  std::shared_ptr<settings_manager::ISettingsCreator> creator;
-  std::shared_ptr<settings_manager::ISettingsDeleter> deleter;
-  std::shared_ptr<settings_manager::ISettingsSetter> setter;
-  ASSERT_EQ(manager->GetSettingsCreator(creator), 0);
-  ASSERT_EQ(manager->GetSettingsDeleter(deleter), 0);
-  ASSERT_EQ(manager->GetSettingsSetter(setter), 0);
-  ASSERT_EQ(creator->CreateSetting(P("a/b"), I32(1)), 0);
-  EXPECT_EQ(setter->SetAttribute(P("a/b"), Attributes{true}), 0);
-  EXPECT_EQ(deleter->DeleteSetting(P("a/b")), 0);
-  EXPECT_EQ(deleter->DeleteSetting(P("a/b")), 1);
-  EXPECT_EQ(deleter->DeleteSetting(P("a")), 0);
-  EXPECT_EQ(deleter->DeleteSetting(P("a/b")), fdn::rc::kNotMatched);
+TEST_F(Operations, CreateBelowAnExistingNodeRewritesThatNodesWholeSubtreeAlone) {
+  ASSERT_EQ(creator->CreateSetting(P("a/x"), Int(1, true)), 0);
+  ASSERT_EQ(creator->CreateSetting(P("z"), Int(2)), 0);
+  Sql("UPDATE data SET value = x'" + Hex(Int32Record(99)) + "' WHERE path IN ('a/x/', 'z/')");
+  ASSERT_EQ(creator->CreateSetting(P("a/b"), Str("deep")), 0);
+  auto const rows = Rows();
+  ASSERT_EQ(rows.size(), 5u);
+  EXPECT_EQ(rows[3], (SqliteFile::Row{"a/x/", Int32Record(1), AttribRecord(true)}));
+  EXPECT_EQ(rows[4], (SqliteFile::Row{"z/", Int32Record(99), AttribRecord(false)}));
 }
 
 }  // namespace
-}  // namespace manager_test
+}  // namespace test_support

@@ -1,6 +1,6 @@
 // Whole-tree access beyond the role interfaces: refused edits change nothing in tree or
-// file, children are listed by kind, and restore and the one-shot read work on files
-// they never create or change.
+// file, children are listed by kind, and restore and the one-shot read work on files they
+// never create or change.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,23 +9,13 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "manager_test_util.h"
 #include "settings_manager/last_result.h"
-#include "settings_manager/tree_access.h"
+#include "support/manager_fixture.h"
 
-namespace manager_test {
+namespace test_support {
 namespace {
 
 namespace sm = settings_manager;
-using settings_manager::ChildInfo;
-using ::testing::HasSubstr;
-
-constexpr int kInterfaceNotSupported = static_cast<int>(0x80000001u);
-constexpr int kInvalidArgument = static_cast<int>(0x80000046u);
-constexpr int kNotMatched = static_cast<int>(0x8000004Au);
-constexpr int kNotFound = static_cast<int>(0x8000004Cu);
-constexpr int kProhibited = static_cast<int>(0x80000066u);
-constexpr int kInvalidState = static_cast<int>(0x8000006Au);
 
 // A manager of someone else's making.
 class ForeignManager : public sm::ISettingsManager {
@@ -39,130 +29,80 @@ class ForeignManager : public sm::ISettingsManager {
   }
 };
 
-class TreeAccessTest : public ManagerTest {
+class TreeAccess : public ManagerTest {
  protected:
   void SetUp() override {
     ManagerTest::SetUp();
-    ASSERT_EQ(creator->CreateSetting(P("net"), Map({{"port", Setting(std::uint16_t{80})},
-                                                    {"dns", List({Str("a"), Str("b")})}})),
-              0);
-    ASSERT_EQ(creator->CreateSetting(P("name"), ReadOnly(Str("dev"))), 0);
-  }
-  Setting Tree() {
-    Setting tree;
-    EXPECT_EQ(sm::GetTree(*manager, tree), 0);
-    return tree;
+    ASSERT_EQ(
+        sm::ReplaceTree(*manager, MapOf({{"net", MapOf({{"port", Setting(std::uint16_t{80})},
+                                                        {"dns", ListOf({Str("a"), Str("b")})}})},
+                                         {"name", Str("dev", true)}})),
+        0);
   }
 };
 
-TEST_F(TreeAccessTest, RefusedEditsChangeNeitherTreeNorFile) {
+TEST_F(TreeAccess, RefusedEditsChangeNeitherTreeNorFile) {
   auto const tree = Tree();
   auto const rows = Rows();
-  struct Case {
-    char const* what;
-    sm::TreeEdit edit;
-    int code;
-  };
-  Case const cases[] = {
-      {"the edit's own refusal",
-       [](Setting& t) {
-         std::get<2>(t).clear();
-         return kProhibited;
-       },
-       kProhibited},
-      {"root not a map",
-       [](Setting& t) {
-         t = List({});
-         return 0;
-       },
-       kInvalidState},
-      {"key breaking the id rules",
-       [](Setting& t) {
-         std::get<2>(t)["bad key"] = Str("x");
-         return 0;
-       },
-       kInvalidArgument},
-      {"an exception", [](Setting&) -> int { throw std::runtime_error("no"); }, 0},
-      {"no difference", [](Setting&) { return 0; }, 1},
-  };
-  for (auto const& c : cases) {
-    int const code = sm::EditTree(*manager, c.edit);
-    if (c.code != 0)
-      EXPECT_EQ(code, c.code) << c.what;
-    else
-      EXPECT_LT(code, 0) << c.what;
-    EXPECT_EQ(Tree(), tree) << c.what;
-    EXPECT_EQ(Rows(), rows) << c.what;
+  std::pair<sm::TreeEdit, int> const cases[] = {
+      {[](Setting& t) { return std::get<uvc::index::kMap>(t).clear(), Code(0x80000066u); },
+       Code(0x80000066u)},                                                // the edit's own refusal
+      {[](Setting& t) { return t = ListOf({}), 0; }, Code(0x8000006Au)},  // root not a map
+      {[](Setting& t) { return std::get<uvc::index::kMap>(t)["bad key"] = Int(1), 0; },
+       Code(0x80000046u)},
+      {[](Setting&) -> int { throw std::runtime_error("no"); }, -1},  // some failure code
+      {[](Setting&) { return 0; }, 1}};                               // no difference
+  for (auto const& [edit, code] : cases) {
+    int const rc = sm::EditTree(*manager, edit);
+    EXPECT_TRUE(code == -1 ? rc < 0 : rc == code) << fdn::ResultCodeText(rc);
+    EXPECT_EQ(Tree(), tree);
+    EXPECT_EQ(Rows(), rows);
   }
   ForeignManager foreign;
   Setting out;
-  std::vector<ChildInfo> children;
-  EXPECT_EQ(sm::ReplaceTree(foreign, Map({})), kInterfaceNotSupported);
-  EXPECT_EQ(sm::GetTree(foreign, out), kInterfaceNotSupported);
-  EXPECT_EQ(sm::ListChildren(foreign, {}, children), kInterfaceNotSupported);
-  EXPECT_EQ(sm::RestoreDatabase(foreign, dbPath), kInterfaceNotSupported);
+  std::vector<sm::ChildInfo> children;
+  EXPECT_RC(sm::ReplaceTree(foreign, MapOf({})), 0x80000001u);
+  EXPECT_RC(sm::GetTree(foreign, out), 0x80000001u);
+  EXPECT_RC(sm::ListChildren(foreign, {}, children), 0x80000001u);
+  EXPECT_RC(sm::RestoreDatabase(foreign, dbPath), 0x80000001u);
 }
 
-TEST_F(TreeAccessTest, ReplacedTreeIsWhatTheFileHolds) {
-  auto const replacement = Map({{"only", ReadOnly(List({Setting(true)}))}});
-  ASSERT_EQ(sm::ReplaceTree(*manager, replacement), 0);
-  EXPECT_EQ(Keys(), (std::vector<std::string>{"", "only/", "only/0/"}));
-  Reopen();
-  EXPECT_EQ(Tree(), replacement);
-}
-
-TEST_F(TreeAccessTest, ChildrenByKind) {
-  struct Case {
-    char const* path;
-    int code;
-    std::vector<std::pair<std::string, std::size_t>> children;  // key or index, type
-  };
-  Case const cases[] = {
-      {"", 0, {{"name", uvc::index::kString}, {"net", uvc::index::kMap}}},
-      {"net", 0, {{"dns", uvc::index::kList}, {"port", uvc::index::kUint16}}},
-      {"net/dns", 0, {{"0", uvc::index::kString}, {"1", uvc::index::kString}}},
-      {"net/port", kNotMatched, {}},
-      {"nope", kNotFound, {}},
-      {"0", kInvalidArgument, {}},
-  };
-  for (auto const& c : cases) {
-    std::vector<ChildInfo> children{ChildInfo{}};
-    auto const path = c.path[0] == '0' ? uvc::Path{uvc::Id(std::in_place_index<0>, 0)} : P(c.path);
-    ASSERT_EQ(sm::ListChildren(*manager, path, children), c.code) << c.path;
-    if (c.code != 0) {
-      EXPECT_EQ(children.size(), 1u) << c.path;  // untouched
-      continue;
-    }
-    std::vector<std::pair<std::string, std::size_t>> listed;
-    for (auto const& child : children)
-      listed.emplace_back(
-          child.id.index() == 1 ? std::get<1>(child.id) : std::to_string(std::get<0>(child.id)),
-          child.type);
-    EXPECT_EQ(listed, c.children) << c.path;
+TEST_F(TreeAccess, ChildrenByKind) {
+  std::tuple<uvc::Id, std::size_t, bool> const kUntouched{I(0), 0, false};  // a refusal's output
+  std::tuple<uvc::Path, int, std::vector<std::tuple<uvc::Id, std::size_t, bool>>> const cases[] = {
+      {{}, 0, {{K("name"), uvc::index::kString, true}, {K("net"), uvc::index::kMap, false}}},
+      {P("net"),
+       0,
+       {{K("dns"), uvc::index::kList, false}, {K("port"), uvc::index::kUint16, false}}},
+      {P("net/dns"), 0, {{I(0), uvc::index::kString, false}, {I(1), uvc::index::kString, false}}},
+      {P("net/port"), Code(0x8000004Au), {kUntouched}},
+      {P("nope"), Code(0x8000004Cu), {kUntouched}},
+      {{I(0)}, Code(0x80000046u), {kUntouched}}};
+  for (auto const& [path, code, expected] : cases) {
+    std::vector<sm::ChildInfo> children{sm::ChildInfo{}};
+    ASSERT_RC(sm::ListChildren(*manager, path, children), code);
+    std::vector<std::tuple<uvc::Id, std::size_t, bool>> listed;
+    for (auto const& c : children) listed.emplace_back(c.id, c.type, c.attributes.readOnly);
+    EXPECT_EQ(listed, expected) << Text(path);
   }
-  std::vector<ChildInfo> top;
-  ASSERT_EQ(sm::ListChildren(*manager, {}, top), 0);
-  EXPECT_TRUE(top[0].attributes.readOnly);
 }
 
-TEST_F(TreeAccessTest, RestoreTakesAWholeCheckedBackup) {
+TEST_F(TreeAccess, RestoreTakesAWholeCheckedBackup) {
   auto const backup = dir.File("backup.db");
   EXPECT_LT(sm::BackupDatabase(dbPath, dir.File("no/backup.db")), 0);
   EXPECT_THAT(sm::LastResult().second,
-              HasSubstr("cannot create the copy '" + dir.File("no/backup.db.partial") +
-                        "': No such file or directory"));
+              ::testing::HasSubstr("cannot create the copy '" + dir.File("no/backup.db.partial") +
+                                   "': No such file or directory"));
   ASSERT_EQ(sm::BackupDatabase(dbPath, backup), 0);
   auto const saved = Tree();
   ASSERT_EQ(deleter->DeleteSetting(P("net")), 0);
-
   std::ofstream(dir.File("junk.db")) << std::string(4096, 'x');
   for (auto const& bad : {dir.File("junk.db"), dir.File("missing.db")}) {
     EXPECT_LT(sm::RestoreDatabase(*manager, bad), 0) << bad;
-    EXPECT_EQ(GetCode("net"), kNotFound) << bad;
+    EXPECT_RC(GetCode("net"), 0x8000004Cu);
   }
   EXPECT_FALSE(std::filesystem::exists(dir.File("missing.db")));
   EXPECT_EQ(std::filesystem::file_size(dir.File("junk.db")), 4096u);
-
   ASSERT_EQ(sm::RestoreDatabase(*manager, backup), 0);
   EXPECT_EQ(Tree(), saved);
   EXPECT_EQ(sm::RestoreDatabase(*manager, backup), 1);
@@ -170,32 +110,28 @@ TEST_F(TreeAccessTest, RestoreTakesAWholeCheckedBackup) {
   EXPECT_EQ(Tree(), saved);
 }
 
-TEST_F(TreeAccessTest, OneShotReadTakesOnlyTheRowsAskedFor) {
+TEST_F(TreeAccess, OneShotReadTakesOnlyTheRowsAskedFor) {
   Setting out;
   ASSERT_EQ(sm::ReadSettingFromFile(dbPath, P("net/dns"), out), 0);
-  EXPECT_EQ(out, List({Str("a"), Str("b")}));
+  EXPECT_EQ(out, ListOf({Str("a"), Str("b")}));
   ASSERT_EQ(sm::ReadSettingFromFile(dbPath, {}, out), 0);
   EXPECT_EQ(out, Tree());
-  // Rows of another subtree are never read: damage them and read on.
-  Sql("UPDATE data SET value = x'00' WHERE path = 'name/'");
+  Sql("UPDATE data SET value = x'00' WHERE path = 'name/'");  // another subtree's row
   EXPECT_EQ(sm::ReadSettingFromFile(dbPath, P("net/port"), out), 0);
   EXPECT_EQ(out, Setting(std::uint16_t{80}));
   EXPECT_LT(sm::ReadSettingFromFile(dbPath, P("name"), out), 0);
-  EXPECT_EQ(sm::ReadSettingFromFile(dbPath, P("net/nope"), out), kNotFound);
+  EXPECT_RC(sm::ReadSettingFromFile(dbPath, P("net/nope"), out), 0x8000004Cu);
   EXPECT_EQ(out, Setting(std::uint16_t{80}));
-
   auto const missing = dir.File("missing.db");
   int const code = sm::ReadSettingFromFile(missing, {}, out);
   EXPECT_LT(code, 0);
   EXPECT_EQ(sm::LastResult().first, code);
-  EXPECT_THAT(sm::LastResult().second, HasSubstr("no such file: " + missing));
+  EXPECT_THAT(sm::LastResult().second, ::testing::HasSubstr("no such file: " + missing));
   EXPECT_FALSE(std::filesystem::exists(missing));
-  // A database without the schema is refused, not given one.
-  auto const bare = dir.File("bare.db");
-  test_support::SqliteFile(bare).Exec("CREATE TABLE other (x)");
-  EXPECT_LT(sm::ReadSettingFromFile(bare, {}, out), 0);
-  EXPECT_EQ(test_support::SqliteFile(bare).QueryInt("SELECT count(*) FROM sqlite_master"), 1);
+  SqliteFile(dir.File("bare.db")).Exec("CREATE TABLE other (x)");  // refused, not given a schema
+  EXPECT_LT(sm::ReadSettingFromFile(dir.File("bare.db"), {}, out), 0);
+  EXPECT_EQ(SqliteFile(dir.File("bare.db")).QueryInt("SELECT count(*) FROM sqlite_master"), 1);
 }
 
 }  // namespace
-}  // namespace manager_test
+}  // namespace test_support

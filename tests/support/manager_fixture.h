@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "settings_manager/settings_manager.h"
+#include "settings_manager/tree_access.h"
 #include "support/captured_log.h"
 #include "support/settings.h"
 #include "support/sqlite_file.h"
@@ -61,6 +63,7 @@ class ManagerTest : public ::testing::Test, protected Roles {
     auto const init = log.ByFunction("SettingsManager");
     ASSERT_FALSE(init.empty());
     startup.clear();
+    startupRecords = init;
     for (auto const& r : init) startup.push_back(r.message);
     prefix = init.back().message.substr(0, 11);  // "[SM] +XXXX ", the manager's id
     log.Clear();
@@ -98,6 +101,27 @@ class ManagerTest : public ::testing::Test, protected Roles {
     // Every format puts a blank after the id, which ends with one itself.
     EXPECT_EQ(records[0].message, prefix + " " + message);
   }
+  // The records logged since the last Clear, each written "<level> <message>" with the
+  // level as one of the letters TDIWEF; every one comes from the function its message names.
+  void ExpectLog(std::vector<std::string> const& expected) {
+    std::vector<std::string> seen;
+    for (auto const& r : log.Records()) {
+      auto text = r.message.compare(0, prefix.size(), prefix) == 0
+                      ? r.message.substr(std::min(prefix.size() + 1, r.message.size()))
+                      : r.message;
+      auto const name = text.substr(text.rfind("### ", 0) == 0 ? 4 : 0);
+      EXPECT_EQ(r.function, name.substr(0, name.find('('))) << text;
+      EXPECT_EQ(r.file, kManagerSource);
+      seen.push_back(std::string(1, "TDIWEF"[static_cast<int>(r.level)]) + " " + text);
+    }
+    EXPECT_EQ(seen, expected);
+  }
+  // The whole tree in memory.
+  Setting Tree() {
+    Setting tree;
+    EXPECT_EQ(settings_manager::GetTree(*manager, tree), 0);
+    return tree;
+  }
   void ExpectNoRecord() {
     auto const messages = log.Messages();
     EXPECT_TRUE(messages.empty()) << messages.front();
@@ -107,7 +131,8 @@ class ManagerTest : public ::testing::Test, protected Roles {
   TempDir dir;
   std::string dbPath;
   std::string prefix;
-  std::vector<std::string> startup;  // the start-up messages of the manager now open
+  std::vector<std::string> startup;            // the start-up messages of the manager now open
+  std::vector<CapturedRecord> startupRecords;  // and the whole records
   std::shared_ptr<settings_manager::ISettingsManager> manager;
 };
 
