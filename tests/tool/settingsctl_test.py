@@ -12,9 +12,7 @@ who = lambda args: "settingsctl: " + " ".join(shlex.split(args)[:2])  # how the 
 
 class Tool(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="settingsctl-")
-        self.addCleanup(folder.cleanup)
-        self.dir = pathlib.Path(folder.name)
+        self.dir = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="settingsctl-")))
 
     def command(self, args, db="test.db"):
         return [BINARY] + (["--db", db] if db is not None else []) + (shlex.split(args) if isinstance(args, str) else [str(a) for a in args])
@@ -42,20 +40,17 @@ class Tool(unittest.TestCase):
             kwargs = {**common, **(options[0] if options else {})}
             self.ok(args, expected, **kwargs) if status == 0 else self.fails(args, status, expected, **kwargs)
 
-    def write(self, name, text):
-        (self.dir / name).write_text(text if isinstance(text, str) else json.dumps(text))
-
-    def files(self):
-        return sorted(p.name for p in self.dir.iterdir())
+    def write(self, files):
+        for name, text in files.items():
+            (self.dir / name).write_text(text if isinstance(text, str) else json.dumps(text))
 
     def start_watch(self, *args, line, answer):  # a watch beside the test; its answer to `line` tells it subscribed
-        watch = subprocess.Popen(self.command(["watch", *args]), cwd=self.dir, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        watch = self.enterContext(subprocess.Popen(self.command(["watch", *args]), cwd=self.dir, stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0))
         watchdog = threading.Timer(60, watch.kill)  # a missing line then ends the read
         watchdog.start()
-        for cleanup in (watch.stdout.close, watch.kill, watchdog.cancel):
+        for cleanup in (watch.kill, watchdog.cancel):
             self.addCleanup(cleanup)
         watch.stdin.write(line.encode() + b"\n")
-        watch.stdin.flush()
         self.assertEqual(watch.stdout.readline().decode(), answer)
         return watch
 
@@ -64,31 +59,26 @@ class Tool(unittest.TestCase):
 
     def test_all_alternatives_round_trip_byte_identical(self):
         expected = (HERE / "all_types.expected.json").read_bytes().decode()
-        self.table([(["import", ALL_TYPES], 0, "all created\n"), ("export all", 0, expected),
+        self.table([(["import", ALL_TYPES], 0, "all created\n"), ("export all", 0, expected), ("get all/none", 0, ""),
                     ("import - --at copy/of", 0, "copy/of created\n", {"stdin": expected, "db": "other.db"}),
-                    ("get all/none", 0, ""), ("--json get all/none", 0, "null\n"), ("--json get all/stringEmpty", 0, '""\n')] +
-                   [(f"get all/{p}", 0, text + "\n") for p, text in [
-                       ("int64Min", "-9223372036854775808"), ("uint64", "18446744073709551615"), ("doubleNegZero", "-0"),
-                       ("timestamp", "2024-05-01T12:00:00.250001Z"), ("bytes", "00017f80ff"), ("stringEmpty", ""), ("list/0", "-128")]])
+                    ("--json get all/none", 0, "null\n"), ("--json get all/stringEmpty", 0, '""\n')] + [(f"get all/{p}", 0, text + "\n") for p, text in [
+                        ("int64Min", "-9223372036854775808"), ("uint64", "18446744073709551615"), ("doubleNegZero", "-0"),
+                        ("timestamp", "2024-05-01T12:00:00.250001Z"), ("bytes", "00017f80ff"), ("stringEmpty", ""), ("list/0", "-128")]])
         copy = json.loads(self.ok("export copy/of", db="other.db"))
         self.assertEqual((copy["path"], copy["node"]), ("copy/of", json.loads(expected)["node"]))
 
     def test_whole_tree_dump_import_backup_restore(self):
         self.import_example()
-        self.ok("create top 1")
-        whole = self.ok("export")
+        whole = self.ok("create top 1", "top created\n") and self.ok("export")
         self.ok("import -", "device created\ntop created\n", stdin=whole, db="other.db")
         self.assertEqual((json.loads(whole)["path"], self.ok("export", db="other.db"), self.ok("get", db="other.db")), ("", whole, self.ok("dump")))
         self.assertEqual(json.loads(self.ok("--json get")), json.loads(self.ok("dump --json")))
-        self.write("junk.db", "x" * 4096)
         os.mkfifo(self.dir / "fifo")
         self.table([("backup b.db", 0, "b.db written\n"), ("set device/network/port 1", 0, "device/network/port changed\n"), ("create extra 1", 0, "extra created\n"),
                     ("backup fifo", 2, "settingsctl: backup fifo: the backup 'fifo' is a FIFO, not a regular file"),
-                    ("restore junk.db", 2, R("^settingsctl: restore junk.db: cannot read the backup 'junk.db': .*: file is not a database ")),
-                    ("restore missing.db", 2, R("^settingsctl: restore missing.db: cannot read the backup 'missing.db': .*: no such file: ")),
                     ("watch", 0, "/ restored\nevent: device/network/port value\nevent: extra deleted\n/ unchanged\n",  # a watch hears what it restored
                      {"stdin": "restore b.db\nrestore b.db\n"})])
-        self.assertEqual((self.ok("export"), self.ok("export", db="b.db"), self.files()), (whole, whole, ["b.db", "fifo", "junk.db", "other.db", "test.db"]))
+        self.assertEqual((self.ok("export"), self.ok("export", db="b.db"), sorted(os.listdir(self.dir))), (whole, whole, ["b.db", "fifo", "other.db", "test.db"]))
 
     def test_backup_during_concurrent_writes_copies_one_committed_state(self):
         self.ok("create c '{\"a\": 0, \"b\": 0}'")
@@ -102,14 +92,6 @@ class Tool(unittest.TestCase):
         self.assertTrue(all(c["a"] == c["b"] and 0 <= c["a"] <= 300 for c in copies), copies)  # both keys of one replace
 
     def test_read_verbs_never_create_files_or_hang(self):
-        self.import_example()
-        self.table([("ls", 0, "device: map\n"), ("ls /device/network/", 0, "dhcp: bool\ndns: list\nhostname: string\nmtu: uint16\nport: uint16\nproxy: none\n"),
-                    ("ls device/firmware", 0, "build: uint32 [read-only]\nsignature: bytes [read-only]\nversion: string [read-only]\n"),
-                    ("ls device/network/port", 0, "device/network/port: uint16\n"), ("attr device/firmware/version", 0, "read-only: true\n"),
-                    ("get device/network/dns", 0, 'device/network/dns: list\n  0: string = "192.0.2.53"\n  1: string = "198.51.100.53"\n'),
-                    ("get device/network/dns --json", 0, '[\n  "192.0.2.53",\n  "198.51.100.53"\n]\n'),
-                    ("--json attr device/network", 0, '{\n  "path": "device/network",\n  "readOnly": false\n}\n'),
-                    ("get device/nope", 3, f"settingsctl: get device/nope: {NOT_FOUND}")])
         os.mkfifo(self.dir / "fifo")
         for verb in ("get a", "ls", "export", "backup b.db"):
             for db, why in [("missing.db", r"cannot (read|back up) the database 'missing.db': .*: no such file: missing.db \(Media error = 0x80000059\)"),
@@ -117,7 +99,7 @@ class Tool(unittest.TestCase):
                             ("/dev/null", "the database '/dev/null' is a character device, not a regular file")]:
                 self.fails(verb, 5, R(f"^{who(verb + ' /')}: {why}$"), db=db)  # the whole tree is '/'
         self.fails("set a 1", 5, "settingsctl: set a: the database 'fifo' is a FIFO, not a regular file", db="fifo")
-        self.assertEqual((self.files(), os.path.exists("/dev/null-journal")), (["fifo", "test.db"], False))
+        self.assertEqual((sorted(os.listdir(self.dir)), os.path.exists("/dev/null-journal")), (["fifo"], False))
 
     def test_a_reader_who_may_not_write_leaves_nothing_behind(self):
         if os.geteuid() != 0:
@@ -126,68 +108,61 @@ class Tool(unittest.TestCase):
         os.chmod(self.dir, 0o755)
         self.table([("get device/network/port", 0, "8080\n"), ("set device/network/port 1", 5, R(
             r"^settingsctl: set device/network/port: cannot change the database 'test\.db': .*attempt to write a readonly database"))], reader=True)
-        self.assertEqual(self.files(), ["test.db"])
+        self.assertEqual(sorted(os.listdir(self.dir)), ["test.db"])
         # A writer holds the file open with its log and index: the reader reads through them and leaves them be.
         watch = self.start_watch(line="set device/network/port 8081", answer="device/network/port changed\n")
-        self.assertEqual(self.files(), ["test.db", "test.db-shm", "test.db-wal"])
-        os.chmod(shutil.copy(self.dir / "test.db", self.dir / "p.db"), 0o600)
-        self.table([("get device/network/port", 0, "8081\n"), ("get a", 5, R(r"^settingsctl: get a: cannot read the database 'p\.db': "
-                    r".*: unable to open database file: Permission denied \(Media error"), {"db": "p.db"})], reader=True)
+        self.assertEqual(sorted(os.listdir(self.dir)), ["test.db", "test.db-shm", "test.db-wal"])
+        self.ok("get device/network/port", "8081\n", reader=True)
         self.ok("set device/network/port 8082", "device/network/port changed\n")  # the owner goes on writing
         watch.stdin.close()
-        self.assertEqual((watch.wait(timeout=60), self.files()), (0, ["p.db", "test.db"]))
+        self.assertEqual((watch.wait(timeout=60), sorted(os.listdir(self.dir))), (0, ["test.db"]))
 
-    def test_writes_keep_type_and_kind_and_import_replaces_or_merges(self):
+    def test_verbs_keep_type_and_kind_and_import_replaces_or_merges(self):
         self.import_example()
-        for name, text in [("net.json", {"port": 1, "extra": {"on": True}}), ("top.json", {"top": 1, "new": {"deep": {"port": 1, "extra": {"on": True}}}}),
-                           ("list.json", "[1]"), ("node.json", '{"format": "settingsctl/1", "node": {"type": "uint8", "value": 3, "readOnly": true}}')]:
-            self.write(name, text)
+        self.write({"net.json": {"port": 1, "extra": {"on": True}}, "top.json": {"top": 1, "new": {"deep": {"port": 1, "extra": {"on": True}}}},
+                    "list.json": "[1]", "node.json": '{"format": "settingsctl/1", "node": {"type": "uint8", "value": 3, "readOnly": true}}'})
         self.table([
+            ("ls /device/network/", 0, "dhcp: bool\ndns: list\nhostname: string\nmtu: uint16\nport: uint16\nproxy: none\n"),
+            ("get device/network/dns", 0, 'device/network/dns: list\n  0: string = "192.0.2.53"\n  1: string = "198.51.100.53"\n'),
+            ("--json get device/network/dns", 0, '[\n  "192.0.2.53",\n  "198.51.100.53"\n]\n'), ("attr device/firmware/version", 0, "read-only: true\n"),
             ("set device/network/port 8081", 0, "device/network/port changed\n"), ("set device/network/port 8081", 0, "device/network/port unchanged\n"),
-            ("set device/network/dns '[\"a\"]'", 0, "device/network/dns changed\n"),
             ("set device/network/port x", 2, "settingsctl: set device/network/port: 'x' is not a uint16 (0 to 65535)"),
             ("set device/network []", 4, "settingsctl: set device/network: it is a map, and '[]' is a list; --type list changes its kind"),
             ("set device/network/dns 7", 4, "settingsctl: set device/network/dns: it is a list, and '7' is an int64; --type int64 changes its kind"),
-            ("set device/network/port -5 --type int32", 0, "device/network/port changed\n"), ("dump device/network/port", 0, "device/network/port: int32 = -5\n"),
+            ("set device/network/port -5 --type int32", 0, "device/network/port changed\n"), ("ls device/network/port", 0, "device/network/port: int32\n"),
             ("create a/b/c 1", 0, "a/b/c created\n"), ("create a/b/c 1", 0, "a/b/c unchanged\n"),
             ("create a/b/c 2", 4, "settingsctl: create a/b/c: a different setting is already there (Found = 0x8000004d)"),
             ("create x --from node.json", 0, "x created\n"), ("dump x", 0, "x: uint8 = 3 [read-only]\n"),
-            ("create y --from - --read-only", 0, "y created\n", {"stdin": '{"k": "v"}'}), ("dump y", 0, 'y: map [read-only]\n  k: string = "v"\n'),
-            ("replace a/b/c 2 --read-only", 0, "a/b/c replaced\n"), ("attr a/b/c --read-only=false", 0, "a/b/c changed\n"),
-            ("attr a/b/c --read-only=false", 0, "a/b/c unchanged\n"), ("replace a/b --from -", 0, "a/b replaced\n", {"stdin": "[1, 2]"}),
-            ("delete a/b/0", 4, f"settingsctl: delete a/b/0: list elements cannot be deleted {PROHIBITED}"), ("delete a/b", 0, "a/b deleted\n"),
-            ("delete a/b", 3, f"settingsctl: delete a/b: {NOT_FOUND}"), ("dump a", 0, "a: map (empty)\n"),
+            ("replace a/b --from -", 0, "a/b replaced\n", {"stdin": "[1, 2]"}), ("attr a/b --read-only=true", 0, "a/b changed\n"),
+            ("delete a/b/0", 4, f"settingsctl: delete a/b/0: list elements cannot be deleted {PROHIBITED}"),
+            ("delete a/b", 4, "settingsctl: delete a/b: a/b is read-only (--force deletes it anyway)"), ("delete a/b --force", 0, "a/b deleted\n"),
+            ("delete a/b", 3, f"settingsctl: delete a/b: {NOT_FOUND}"), ("get device/identity/serial", 0, "SN-2024-000417\n"),
+            ("set device/identity/serial x", 4, f"settingsctl: set device/identity/serial: read-only {PROHIBITED}"),
             ("import net.json --at device/network --merge", 0, "device/network merged\n"),
             ("ls device/network", 0, "dhcp: bool\ndns: list\nextra: map\nhostname: string\nmtu: uint16\nport: int64\nproxy: none\n"),
             ("import net.json --at device/network --merge", 0, "device/network unchanged\n"),
             ("import net.json --at device/network", 0, "device/network replaced\n"), ("ls device/network", 0, "extra: map\nport: int64\n"),
             ("import net.json --at new/deep", 0, "new/deep created\n"), ("import top.json --merge", 0, "top created\n"),
             ("import top.json", 4, "settingsctl: import top.json: device/firmware/build is read-only (--force imports it anyway)"),
-            ("import top.json --force", 0, "a deleted\ndevice deleted\nx deleted\ny deleted\n"), ("import top.json", 0, "/ unchanged\n"),
+            ("import top.json --force", 0, "a deleted\ndevice deleted\nx deleted\n"), ("import top.json", 0, "/ unchanged\n"),
             ("import list.json", 2, "settingsctl: import list.json: the whole tree is a map, not a list; give --at PATH"),
             ("import list.json --at top/x", 4, "settingsctl: import list.json: top is an int64, which holds no 'x'")])
-
-    def test_read_only_needs_force(self):
-        self.import_example()
-        self.write("fw.json", {"format": "settingsctl/1", "path": "device/firmware", "node": {"type": "map"}})
-        for args, message in [("replace device/firmware/version 2", "device/firmware/version is read-only (--force replaces it anyway)"),
-                              ("delete device/firmware", "device/firmware/build is read-only (--force deletes it anyway)"),
-                              ("import fw.json", "device/firmware/build is read-only (--force imports it anyway)")]:
-            self.ok(["-q", "import", EXAMPLE, "--force"])
-            before = self.ok("export")
-            self.fails(args, 4, f"{who(args)}: {message}")
-            self.assertEqual(self.ok("export"), before)  # refused: nothing changed
+        for args in ("replace device/firmware/version 2", "delete device/firmware", "import fw.json"):  # refused, the tree is as it was
+            self.write({"fw.json": {"format": "settingsctl/1", "path": "device/firmware", "node": {"type": "map"}}})
+            before = self.ok(["-q", "import", EXAMPLE, "--force"]) + self.ok("export")
+            path = "device/firmware/version" if args[0] == "r" else "device/firmware/build"
+            self.fails(args, 4, f"{who(args)}: {path} is read-only (--force {args.split()[0]}s it anyway)")
+            self.assertEqual(self.ok("export"), before)
             self.assertTrue(self.ok(args + " --force") and self.ok("export") != before, args)
-        self.fails("set device/identity/serial x", 4, f"settingsctl: set device/identity/serial: read-only {PROHIBITED}")
 
     def test_exit_statuses_json_errors_output_errors_and_library_records(self):
         self.import_example()
-        self.write("junk.db", "not a database, just text long enough to hold a header\n" * 20)
+        self.write({"junk.db": "not a database, just text long enough to hold a header\n" * 20})
         for args, status, kind, code, reason in [  # the library's code and reason, when a library call failed
                 ("get device/nope", 3, "not-found", "0x8000004c", "^No setting at 'device/nope/'$"),
                 ("set device/firmware/version 2", 4, "refused", "0x80000066", "^Prohibited = 0x80000066$"),
                 ("get a --db=junk.db", 5, "database", "0x80000059", "^.SMDB. Could not open .*: file is not a database$"),
-                ("set device/network/port x", 2, "bad-input", None, None), ("get wifi/5ghz", 2, "bad-input", None, None), ("frob", 2, "bad-input", None, None)]:
+                ("set device/network/port x", 2, "bad-input", None, None), ("get wifi/5ghz", 2, "bad-input", None, None)]:
             db = None if "junk" in args else "test.db"
             error = json.loads(self.fails("--json " + args, status, None, db=db))
             self.assertEqual((error["error"], error["status"], error.get("code")), (kind, status, code), args)
@@ -199,11 +174,7 @@ class Tool(unittest.TestCase):
         self.table([("--json set device/network/port 1", 0, '{"path":"device/network/port","outcome":"changed"}\n'),
                     ("-q set device/network/port 2", 0, ""), ("-q get device/network/port", 0, "2\n"),
                     ("frob", 2, "settingsctl: unknown verb 'frob' (settingsctl help --verbs lists them)"),
-                    ("", 2, "settingsctl: no verb given (settingsctl help --verbs lists them)"),
-                    ("create a 1", 2, "settingsctl: --db: an empty path names no database (--memory works without one)", {"db": ""}),
-                    ("create k 1", 0, "k created\n", {"db": None, "env": {"SETTINGSCTL_DB": "env.db"}}), ("create k 2", 0, "k created\n", {"db": None}),
-                    ("get k", 0, "1\n", {"db": "env.db"}), ("get k", 0, "2\n", {"db": "settings.db"}), ("--memory create m 1", 0, "m created\n", {"db": None})])
-        self.assertEqual(self.files(), ["env.db", "junk.db", "settings.db", "test.db"])
+                    ("", 2, "settingsctl: no verb given (settingsctl help --verbs lists them)")])
         with open("/dev/full", "wb") as full:  # a failed write of the output fails the command
             for args in ("export", "--json get", "set device/network/port 3"):
                 result = self.run_tool(args, stdout=full)
@@ -219,98 +190,66 @@ class Tool(unittest.TestCase):
             self.assertEqual((result.returncode, result.stdout), (0, b"device/network/port changed\n"), (flags, level))
             self.assertRegex(result.stderr.decode(), expected, (flags, level))
 
-    def test_bad_input_names_the_rule_and_database_failures_the_real_reason(self):
-        self.write("bad.json", '{\n  "a": 1,\n  "b": 2 3\n}\n')
-        self.write("keys.json", '{"device": {"bad key": 1}}')
-        rows = [(["create", p, 1], 2, f"settingsctl: create {p}: invalid path '{p}': {rule}") for p, rule in [
+    def test_bad_input_names_the_rule_and_a_locked_database_the_real_reason(self):
+        self.write({"keys.json": '{"device": {"bad key": 1}}', "bad.json": '{\n  "a": 1,\n  "b": 2 3\n}\n', "deep0.json": "[" * 20000 + "]" * 20000,
+                    "deep1.json": {"k": json.loads("[" * 300 + "]" * 300)}, "t0.json": {"format": "settingsctl/1", "path": "dev", "node": {
+                        "type": "map", "value": {"port": {"type": "uint16", "value": 70000}}}}, "t1.json": {"format": "settingsctl/1", "node": {"type": "int8", "readonly": 1}}})
+        self.table([(["create", p, 1], 2, f"settingsctl: create {p}: invalid path '{p}': {rule}") for p, rule in [
             ("wifi/5ghz", "a key must not begin with a digit ('5ghz')"), ("dns_servers", "a key must not hold '_' ('dns_servers')"),
             ("a b", "a key must not hold ' ' (a blank) ('a b')"), ("0/a", "a path begins with a key, not a list index ('0')"),
-            ("l/70000", "a list index goes up to 65535 ('70000')"), ("a//b", "a path has no empty steps")]]
-        rows += [("get " + "a/" * 300, 2, None), ("import keys.json", 2, "settingsctl: import keys.json: at /device: 'bad key': a key must not hold ' ' (a blank)"),
-                 ("import bad.json", 2, R(r"^settingsctl: import bad\.json: malformed JSON: parse error at line 3, column \d+: ")),
-                 ("import missing.json", 2, "settingsctl: import missing.json: cannot read 'missing.json': No such file or directory")]
-        for i, doc in enumerate(["[" * 20000 + "]" * 20000, {"k": json.loads("[" * 300 + "]" * 300)}]):
-            self.write(f"deep{i}.json", doc)
-            rows.append((f"import deep{i}.json", 2, R(r"settings nest at most 256 levels deep, and .* goes deeper$")))
-        for i, (node, message) in enumerate([
-                ({"type": "map", "value": {"port": {"type": "uint16", "value": 70000}}}, "at /node/value/port/value: 70000 is out of range for uint16"),
-                ({"type": "int8", "value": 1.5}, "at /node/value: an int8 is a JSON integer"),
-                ({"type": "list", "value": [{"type": "word"}]}, 'at /node/value/0/type: unknown type "word"'),
-                ({"type": "bool", "value": True, "readonly": True}, 'at /node: unknown member "readonly"'), ({"type": "uint64"}, 'at /node: a uint64 node needs a "value"')]):
-            self.write(f"t{i}.json", {"format": "settingsctl/1", "path": "dev", "node": node})
-            rows.append((f"import t{i}.json", 2, f"settingsctl: import t{i}.json: {message}"))
-        self.table(rows)
-        self.assertFalse((self.dir / "test.db").exists())
+            ("l/70000", "a list index goes up to 65535 ('70000')"), ("a//b", "a path has no empty steps")]] + [
+            ("import keys.json", 2, "settingsctl: import keys.json: at /device: 'bad key': a key must not hold ' ' (a blank)"),
+            ("import bad.json", 2, R(r"^settingsctl: import bad\.json: malformed JSON: parse error at line 3, column \d+: ")),
+            ("import deep0.json", 2, R(r"settings nest at most 256 levels deep, and .* goes deeper$")), ("get " + "a/" * 300, 2, None),
+            ("import deep1.json", 2, R(r"settings nest at most 256 levels deep, and .* goes deeper$")),
+            ("import t0.json", 2, "settingsctl: import t0.json: at /node/value/port/value: 70000 is out of range for uint16"),
+            ("import t1.json", 2, 'settingsctl: import t1.json: at /node: unknown member "readonly"'),
+            ("import missing.json", 2, "settingsctl: import missing.json: cannot read 'missing.json': No such file or directory")])
+        self.assertEqual(sorted(os.listdir(self.dir)), ["bad.json", "deep0.json", "deep1.json", "keys.json", "t0.json", "t1.json"])  # no database made
         self.ok("create a 1")
-        self.write("junk.db", "not a database, just some text that is long enough\n" * 20)
-        for name, sql in [("newer.db", "UPDATE meta SET value = '2'"), ("locked.db", "BEGIN IMMEDIATE")]:
-            connection = sqlite3.connect(shutil.copy(self.dir / "test.db", self.dir / name), isolation_level=None)
-            self.addCleanup(connection.close)
-            connection.execute(sql)
-        self.ok("get a", "1\n", db="locked.db")  # another process's write lock, held past the busy timeout, stops no read
-        for args, db, why in [
-                ("get a", "junk.db", r"cannot read the database 'junk\.db': .*: file is not a database \(Media error = 0x80000059\)"),
-                ("set a 1", "junk.db", r"cannot open the database 'junk\.db': .*: file is not a database \(Media error"),
-                ("get a", "newer.db", r"cannot read the database 'newer\.db': \[SMDB\] Unexpected schema version: '2' \(Invalid result"),
-                ("set a 1", "no/such/x.db", r"cannot open the database 'no/such/x\.db': .*: unable to open database file: No such file or dir"),
-                ("set a 2", "locked.db", r"cannot change the database 'locked\.db': \[SMDB\] Set: begin transaction: database is locked "
-                                         r"by another connection for longer than the busy timeout of 5000 ms \(")]:
-            self.fails(args, 5, R(f"^{who(args)}: {why}"), db=db)
+        connection = sqlite3.connect(shutil.copy(self.dir / "test.db", self.dir / "locked.db"), isolation_level=None)
+        self.addCleanup(connection.close)
+        connection.execute("BEGIN IMMEDIATE")  # another process's write lock, held past the busy timeout, stops no read
+        self.table([("get a", 0, "1\n"), ("set a 2", 5, R(r"^settingsctl: set a: cannot change the database 'locked\.db': \[SMDB\] Set: begin "
+                    r"transaction: database is locked by another connection for longer than the busy timeout of 5000 ms \("))], db="locked.db")
 
     def test_killed_import_applies_all_or_nothing(self):
         self.import_example()
-        before = self.ok("export")
-        self.write("big.json", {f"k{i}": {"a": i, "b": [i, str(i)], "c": {"d": True}} for i in range(2000)})
-        start = time.monotonic()
-        self.ok("import big.json --force", db="full.db")
-        duration, after, rng, outcomes = time.monotonic() - start, self.ok("export", db="full.db"), random.Random(15), set()
-        for attempt in range(8):
+        self.write({"big.json": {f"k{i}": {"a": i, "b": [i, str(i)], "c": {"d": True}} for i in range(2000)}})
+        before, start = self.ok("export"), time.monotonic()
+        duration, after = time.monotonic() - start if self.ok("import big.json --force", db="full.db") else 0, self.ok("export", db="full.db")
+        for attempt, pause in enumerate(random.Random(15).uniform(0, duration * 1.2) for _ in range(8)):
             process = subprocess.Popen(self.command("import big.json --force"), cwd=self.dir, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            time.sleep(rng.uniform(0, duration * 1.2))  # a kill at a random point of the import, not an ordering
+            time.sleep(pause)  # a kill at a random point of the import, not an ordering
             process.send_signal(signal.SIGKILL if attempt % 2 == 0 else signal.SIGINT)
             process.wait(timeout=60)
             tree = self.ok("export")
             self.assertIn(tree, (before, after), f"attempt {attempt}: a partial import")
-            outcomes.add(tree == after)
             if tree == after:
                 self.ok("-q import - --force", stdin=before)
-        print(f"\n  import of 8,000 nodes: {duration * 1000:.0f} ms; applied whole in {sorted(outcomes)}", file=sys.stderr)
 
-    def test_watch_shows_events_in_order(self):
+    def test_watch_shows_events_in_order_and_changes_of_other_processes(self):
         self.import_example()
-        self.write("two.json", '{"b": 1, "a": 2}')
-        self.ok("watch", stdin="\n".join([
-            "set device/network/port 8081", "get device/network/port", "# a comment, and an empty line", "",
-            "create device/network/ntp pool.example", "attr device/network/ntp --read-only=true", "replace device/network/ntp 'time example' --force",
-            "set device/network/port 8081", "delete device/network/ntp", "import two.json --merge", "ls", ""]), out="\n".join([
-            "device/network/port changed", "event: device/network/port value", "8081",
-            "device/network/ntp created", "event: device/network/ntp created", "device/network/ntp changed", "event: device/network/ntp attributes",
-            "device/network/ntp replaced", "event: device/network/ntp setting", "device/network/port unchanged",
-            "device/network/ntp deleted", "event: device/network/ntp deleted",
-            "a created", "b created", "event: a created", "event: b created", "a: int64", "b: int64", "device: map", ""]))
-        result = self.run_tool("--json watch device/network", stdin="\n".join([  # a subtree only; failures go on, exit ends
-            "set device/identity/name other", "set device/firmware/version 2", "set device/network/mtu 9000", "bogus", "import -",
-            "delete device/network", "get device/identity/name", "exit", "set device/network/mtu 1"]))
-        self.assertEqual((result.returncode, [json.loads(line) for line in result.stdout.decode().splitlines()]), (2, [
-            {"path": "device/identity/name", "outcome": "changed"}, {"path": "device/network/mtu", "outcome": "changed"},
-            {"event": "value", "path": "device/network/mtu"}, {"path": "device/network", "outcome": "deleted"},
-            {"event": "deleted", "path": "device/network"}, "other"]))
-        self.assertEqual([json.loads(line)["message"] for line in result.stderr.decode().splitlines()], [
-            f"read-only {PROHIBITED}", "unknown verb 'bogus' (help lists them)", "standard input carries the commands here"])
-
-    def test_watch_shows_changes_of_other_processes(self):
-        self.import_example()
+        self.write({"two.json": '{"b": 1, "a": 2}'})
+        self.ok("watch", stdin="set device/network/port 8081\nget device/network/port\n# a comment, and an empty line\n\ncreate device/network/ntp p\n"
+                "attr device/network/ntp --read-only=true\nreplace device/network/ntp 'a b' --force\nset device/network/port 8081\n"
+                "delete device/network/ntp\nimport two.json --merge\nls\n", out="\n".join([
+                    "device/network/port changed", "event: device/network/port value", "8081", "device/network/ntp created",
+                    "event: device/network/ntp created", "device/network/ntp changed", "event: device/network/ntp attributes",
+                    "device/network/ntp replaced", "event: device/network/ntp setting", "device/network/port unchanged", "device/network/ntp deleted",
+                    "event: device/network/ntp deleted", "a created", "b created", "event: a created", "event: b created", "a: int64", "b: int64",
+                    "device: map", ""]))
         self.ok("-q backup saved.db")
-        watch = self.start_watch("device/network", line="get device/network/port", answer="8080\n")
-        self.ok("set device/network/port 8081")
-        self.assertEqual(watch.stdout.readline(), b"event: device/network/port value\n")
+        watch = self.start_watch("device/network", line="get device/network/port", answer="8081\n")
+        self.table([("set device/identity/name other", 0, "device/identity/name changed\n"), ("set device/network/port 1", 0, "device/network/port changed\n")])
+        self.assertEqual(watch.stdout.readline(), b"event: device/network/port value\n")  # outside its subtree: no event
         self.ok("create device/network/ntp pool.example")
         self.assertEqual(watch.stdout.readline(), b"event: device/network/ntp created\n")
         self.ok("restore saved.db", "/ restored\n")
         self.assertEqual(sorted(watch.stdout.readline() for _ in range(2)), [b"event: device/network/ntp deleted\n", b"event: device/network/port value\n"])
         watch.stdin.write(b"get device/network/port\nset device/network/port 8082\nget device/network/port\n")
         watch.stdin.close()  # its own tree took the changes in: the value the restore put back is there
-        self.assertEqual(watch.stdout.read().decode(), "8080\ndevice/network/port changed\nevent: device/network/port value\n8082\n")
+        self.assertEqual(watch.stdout.read().decode(), "8081\ndevice/network/port changed\nevent: device/network/port value\n8082\n")
         self.assertEqual(watch.wait(timeout=60), 0)
 
 
