@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # Drives the real settingsctl binary, each case in a temporary folder of its own.
 #   settingsctl_test.py SETTINGSCTL [Tool.test_name ...]
-import json, os, pathlib, random, re, shlex, shutil, signal, sqlite3, subprocess, sys, tempfile, threading, time, unittest
+import json, os, pathlib, random, re, shlex, shutil, signal, sqlite3, subprocess, sys, tempfile, time, unittest
 
 HERE = pathlib.Path(__file__).resolve().parent
 EXAMPLE, ALL_TYPES, BINARY, R = HERE.parent.parent / "examples" / "device.json", HERE / "all_types.json", None, re.compile
