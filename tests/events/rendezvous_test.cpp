@@ -113,24 +113,6 @@ TEST_F(RendezvousTest, EachUnsubscribeWaitsForTheCallOfItsOwnObserver) {
   EXPECT_EQ(later.observer->Calls().size(), 1u);
 }
 
-TEST_F(RendezvousTest, UnsubscribeTakesAnObserverStillQueuedOutOfTheDelivery) {
-  Blocking first, later;
-  if (!CalledBefore(first.observer, later.observer)) std::swap(first, later);
-  Subscribe({}, first.observer);
-  auto const laterId = Subscribe({}, later.observer);
-  Create({"a"});
-  ASSERT_TRUE(first.state->entered.Wait());
-  // The wait is coarse: it lasts until the call in progress (the first's) returns.
-  RacingUnsubscribe racing(*subscriber, laterId);
-  EXPECT_TRUE(racing.Refused());
-  first.state->leave.Open();
-  EXPECT_THAT(racing.Join(), ElementsAre(Code(0x8000004Cu), 0));
-  Create({"b"});
-  Drain();
-  EXPECT_THAT(later.observer->Calls(), IsEmpty());
-  EXPECT_THAT(first.observer->Events(), ElementsAre(Pair("a/", 0x01), Pair("b/", 0x01)));
-}
-
 // The first of two root observers, held by the manager alone, is inside its Update of "a"
 // while "b" and "c" wait, when the last owner lets go: another thread, or the observer
 // itself after promoting its weak pointer to the manager inside Update.
