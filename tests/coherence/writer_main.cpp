@@ -1,81 +1,45 @@
-// A writer of the coherence suites: a manager on a database file that runs the commands
-// given on standard input and answers each on standard output:
-//
-//   coherence_writer DB TAG SEED
-//   ready                          the manager is open (or "open-failed CODE", status 3)
-//   random N      -> N "ack ..." lines (coherence::Format), then "done"
-//   sync          -> "tree" lines of the settings under s after taking in every change
-//                    (coherence::Dump), then "end"
-//   create|set|attr|delete PATH [VALUE] -> "rc CODE": one change (a value is a string;
-//                    attr takes 0 or 1)
-//   exit
-//
-// Each answer line is written with one write(2), so it is out before the next change.
+// A writer of the coherence suites: a manager on a database file running the commands read
+// from standard input, one answer line each, written with one write(2):
+//   coherence_writer DB TAG SEED  -> "ready"
+//   random N                      -> N "ack ..." lines (coherence::Format), then "done"
+//   sync                          -> coherence::Dump after taking in every change, then "end"
+//   KIND PATH [VALUE]             -> "rc CODE" of coherence::Change
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <iostream>
 #include <sstream>
 
-#include "load.h"
-#include "tern/logger/tern_logger.h"
+#include "coherence.h"
 
 namespace {
 
-void Say(std::string const& line) {
-  std::string const text = line + "\n";
-  std::size_t done = 0;
-  while (done < text.size()) {
-    auto const n = ::write(STDOUT_FILENO, text.data() + done, text.size() - done);
-    if (n <= 0) std::_Exit(4);
-    done += static_cast<std::size_t>(n);
-  }
-}
-
-int One(coherence::Client& client, std::string const& verb, std::string const& path,
-        std::string const& value) {
-  auto const at = reliability::P(path);
-  if (verb == "create") return client.creator->CreateSetting(at, settings_manager::Setting(value));
-  if (verb == "set")
-    return client.valueSetter->SetValue(at, settings_manager::Setting::Value(value));
-  if (verb == "attr")
-    return client.setter->SetAttribute(at, settings_manager::Attributes{value == "1"});
-  return client.deleter->DeleteSetting(at);
+void Say(std::string const& text) {
+  if (::write(STDOUT_FILENO, text.data(), text.size()) != ssize_t(text.size())) std::_Exit(4);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 4) {
-    std::fprintf(stderr, "usage: %s DB TAG SEED\n", argv[0]);
-    return 2;
-  }
+  if (argc != 4) return 2;
   tern::logger::TernLogger::RootLogger().SetThreshold(tern::logger::LogLevel::Fatal);
   coherence::Client client;
-  if (int rc = client.Open(argv[1]); rc != 0) {
-    Say("open-failed " + std::to_string(rc));
-    return 3;
-  }
-  coherence::Load load(argv[2], std::strtoull(argv[3], nullptr, 10));
-  Say("ready");
-  std::string line;
-  while (std::getline(std::cin, line)) {
+  if (client.Open(argv[1]) != 0) return 3;
+  std::mt19937_64 random(std::strtoull(argv[3], nullptr, 10));
+  Say("ready\n");
+  for (std::string line; std::getline(std::cin, line);) {
     std::istringstream words(line);
     std::string verb, path, value;
     words >> verb >> path >> value;
     if (verb == "random") {
-      for (auto n = std::stoul(path); n > 0; --n) Say(coherence::Format(load.Next(client)));
-      Say("done");
+      for (auto n = std::stoul(path); n > 0; --n)
+        Say(coherence::Format(coherence::RandomChange(client, random, argv[2])) + "\n");
+      Say("done\n");
     } else if (verb == "sync") {
       coherence::Sync(client);
-      std::istringstream tree(coherence::Dump(client));
-      for (std::string node; std::getline(tree, node);) Say("tree " + node);
-      Say("end");
-    } else if (verb == "exit") {
-      break;
+      Say(coherence::Dump(client) + "end\n");
     } else {
-      Say("rc " + std::to_string(One(client, verb, path, value)));
+      Say("rc " + std::to_string(coherence::Change(client, verb[0], path, value)) + "\n");
     }
   }
   return 0;
