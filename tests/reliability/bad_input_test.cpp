@@ -72,8 +72,7 @@ TEST(BadInput, DamagedFilesAreRefusedWithACodeOrServedWithoutACrash) {
     ASSERT_EQ(writer.Open(db), 0);
     ASSERT_EQ(Seed(writer, start), 0);
   }
-  std::ifstream in(db, std::ios::binary);
-  std::string const good{std::istreambuf_iterator<char>(in), {}};
+  std::string const good = ReadBytes(db);
   std::vector<std::string> paths;
   for (auto const& row : test_support::SqliteFile(db).DataRows()) paths.push_back(row.path);
 

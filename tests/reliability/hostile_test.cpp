@@ -36,11 +36,6 @@ using test_support::SqliteFile;
 constexpr int kOutOfRange = Code(0x8000005Eu), kInvalidResult = Code(0x80000071u);
 constexpr int kMediaError = Code(0x80000059u);
 
-std::string ReadBytes(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 // `rc` is `code`, and the calling thread's LastResult has that code and says `reason`.
 ::testing::AssertionResult Refused(int rc, int code, std::string const& reason) {
   auto const last = settings_manager::LastResult();
@@ -120,17 +115,11 @@ TEST(Hostile, CallsTooDeepOrMetByAFullDiskOrALockAreRefusedWithTheirReason) {
   for (auto const& call : calls) {
     SCOPED_TRACE(call.reason);
     if (call.diskError != 0) vfs.Arm({FaultVfs::Call::kWrite, 1, true, call.diskError});
-    auto const begin = std::chrono::steady_clock::now();
     int const rc = call.run();
     vfs.Disarm();
     EXPECT_TRUE(Refused(rc, call.code, call.reason));
     EXPECT_EQ(TreeOf(*c.getter, {"a", "m"}), tree);
     EXPECT_EQ(SqliteFile(db).DataRows(), rows);
-    if (call.code == kOutOfRange) {  // refused before any work on the input
-      std::chrono::duration<double, std::milli> const took =
-          std::chrono::steady_clock::now() - begin;
-      EXPECT_LT(took.count(), 500.0);
-    }
   }
   // A delete that finds the disk full once gets the log's room back and succeeds on its
   // second try.
@@ -366,40 +355,29 @@ TEST(Hostile, AReaderWhoMayNotWriteLeavesNothingThatBlocksTheOwner) {
   auto const folder = dir.Path().string();
   ::chmod(folder.c_str(), 01777);
   auto const db = dir.File("settings.db");
-  // Opens, checks that `a` holds `expected`, and sets it to `value`: the code.
-  auto const session = [&db](std::int32_t expected, std::int32_t value,
-                             std::function<void()> between = {}) {
-    return [=] {
+  int ready[2], resume[2];
+  ASSERT_EQ(::pipe(ready) | ::pipe(resume), 0);
+  char byte = 0;
+  // Opens, checks that `a` holds `expected` (none: creates it), waits for the test when
+  // asked, and sets `a` to `value`: the code.
+  auto const session = [&](std::int32_t expected, std::int32_t value, bool wait = false) {
+    return [&, expected, value, wait] {
       Client client;
       Setting out;
       if (int const rc = client.Open(db); rc != 0) return rc;
+      if (expected == 0) return client.creator->CreateSetting(P("a"), Setting(value));
       if (client.getter->GetSetting(P("a"), out) != 0 || out != Setting(expected)) return 1;
-      if (between) between();
+      if (wait && (::write(ready[1], &byte, 1) != 1 || ::read(resume[0], &byte, 1) != 1)) return 1;
       return client.setter->SetSetting(P("a"), Setting(value));
     };
   };
   char const* const readOnly =
       "attempt to write a readonly database: the file is open read-only, as this process may "
       "not write it or its folder";
-  ASSERT_EQ(RunAs(kOwner,
-                  [&db] {
-                    Client client;
-                    return client.Open(db) != 0
-                               ? 1
-                               : client.creator->CreateSetting(P("a"), std::int32_t{1});
-                  }),
-            0);
+  ASSERT_EQ(RunAs(kOwner, session(0, 1)), 0);
   // The owner's program runs, its log and index are there; the reader reads through them.
-  int ready[2], resume[2];
-  ASSERT_EQ(::pipe(ready) | ::pipe(resume), 0);
   pid_t const owner = ::fork();
-  if (owner == 0)
-    ::_exit(RunAs(kOwner, session(1, 2, [&] {
-                    char byte = 0;
-                    if (::write(ready[1], &byte, 1) != 1 || ::read(resume[0], &byte, 1) != 1)
-                      ::_exit(1);
-                  })));
-  char byte = 0;
+  if (owner == 0) ::_exit(RunAs(kOwner, session(1, 2, true)));
   ASSERT_EQ(::read(ready[0], &byte, 1), 1);
   EXPECT_EQ(RunAs(kReader, session(1, 3), kMediaError, readOnly), 0);
   EXPECT_FALSE(Owns(folder, kReader));
@@ -413,10 +391,9 @@ TEST(Hostile, AReaderWhoMayNotWriteLeavesNothingThatBlocksTheOwner) {
   EXPECT_FALSE(Owns(folder, kReader));
   EXPECT_EQ(RunAs(kOwner, session(2, 4)), 0);
   ::chmod(db.c_str(), 0600);
-  EXPECT_EQ(RunAs(
-                kReader, [&db] { return Client().Open(db); }, kMediaError,
-                "unable to open database file: Permission denied"),
-            0);
+  EXPECT_EQ(
+      RunAs(kReader, session(4, 5), kMediaError, "unable to open database file: Permission denied"),
+      0);
   ::chmod(folder.c_str(), 0555);
   EXPECT_EQ(RunAs(kOwner, session(4, 5), kMediaError, readOnly), 0);
   ::chmod(folder.c_str(), 0700);

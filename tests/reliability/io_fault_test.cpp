@@ -32,11 +32,6 @@ Setting Big(int count, char fill) {
   return map;
 }
 
-std::string ReadBytes(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 // Puts the start file in place (nothing for a new file), without log or journal.
 void Restore(std::string const& path, std::string const& bytes) {
   for (char const* suffix : {"", "-wal", "-shm", "-journal"})

@@ -23,7 +23,7 @@ TEST(Property, AfterEveryCallTheTreeInMemoryIsTheTreeAFreshManagerLoads) {
   test_support::TempDir dir;
   auto const db = dir.File("settings.db");
   std::size_t const steps = Scaled(2000, 150);
-  Deadline const deadline(std::chrono::milliseconds(Scaled(30000, 15000)));
+  auto const deadline = Within(Scaled(30000, 15000));
   std::vector<uvc::Path> const invalid = {
       {},
       {I(0), K("a")},

@@ -1,6 +1,7 @@
 #include "reliability_util.h"
 
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <random>
 
@@ -39,6 +40,15 @@ std::uint64_t TestSeed(char const* suite) {
 
 void Report(char const* suite, std::string const& text) {
   std::cout << "RELIABILITY " << suite << ": " << text << std::endl;
+}
+
+std::string ReadBytes(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+Deadline Within(std::size_t ms) {
+  return {std::chrono::steady_clock::now() + std::chrono::milliseconds(ms)};
 }
 
 void MakeRollbackFile(std::string const& path) {

@@ -27,6 +27,9 @@ void Report(char const* suite, std::string const& text);
 // Makes a file in rollback-journal mode: the library keeps the mode of a file that exists.
 void MakeRollbackFile(std::string const& path);
 
+// The bytes of the file at `path`; empty when there is none.
+std::string ReadBytes(std::string const& path);
+
 // Silences the library's log while it lives (a type change is logged as an error).
 class QuietLog {
  public:
@@ -48,14 +51,11 @@ bool LoadFile(std::string const& path, Setting& root, std::string& error);
 // top-level keys the whole tree of the rows, which lands in `root`.
 ::testing::AssertionResult Restart(std::string const& path, Setting& root);
 
-class Deadline {
- public:
-  explicit Deadline(std::chrono::milliseconds budget)
-      : end_(std::chrono::steady_clock::now() + budget) {}
-  bool Passed() const { return std::chrono::steady_clock::now() >= end_; }
-
- private:
-  std::chrono::steady_clock::time_point end_;
+// The end of a budget of `ms` milliseconds.
+struct Deadline {
+  bool Passed() const { return std::chrono::steady_clock::now() >= end; }
+  std::chrono::steady_clock::time_point end;
 };
+Deadline Within(std::size_t ms);
 
 }  // namespace reliability

@@ -50,19 +50,6 @@ Setting OneOf(std::uint64_t pick, std::uint64_t bits) {
 
 }  // namespace
 
-int Client::Open(std::string const& path) {
-  Close();
-  int const rc = settings_manager::CreateSettingsManager({path}, manager);
-  if (rc != 0) return rc;
-  manager->GetSettingsCreator(creator);
-  manager->GetSettingsGetter(getter);
-  manager->GetSettingsValueSetter(valueSetter);
-  manager->GetSettingsSetter(setter);
-  manager->GetSettingsDeleter(deleter);
-  manager->GetSettingsUpdateSubscriber(subscriber);
-  return 0;
-}
-
 uvc::Path P(std::string const& text) {
   auto [path, state] = uvc::FromString(text, settings_manager::meta::GetIdSpecification());
   return state == uvc::IdState::Ok ? std::move(path) : uvc::Path();
@@ -101,33 +88,21 @@ std::string Values::Key() {
 }
 
 Setting Values::Scalar() {
-  auto const bits = random_();
-  switch (Below(16)) {
-    case 0:
-      return Setting();
-    case 1: {
-      static double const special[] = {0.0,       -0.0,         1.5,      HUGE_VAL,
-                                       -HUGE_VAL, std::nan(""), 4.9e-324, DBL_MAX};
-      double value = special[Below(8)];
-      if (Chance(60)) std::memcpy(&value, &bits, sizeof value);
-      return Setting(value);
-    }
-    case 2:
-      return Setting(tern::rtl::Timestamp(static_cast<std::int64_t>(bits)));
-    case 3: {
-      std::string text(Below(Chance(5) ? 300 : 24), '\0');
-      for (auto& c : text) c = static_cast<char>(Chance(70) ? 'a' + Below(26) : Below(256));
-      return Setting(std::move(text));
-    }
-    case 4: {
-      std::vector<std::uint8_t> bytes(Below(24));
-      for (auto& b : bytes) b = static_cast<std::uint8_t>(random_());
-      return Setting(std::move(bytes));
-    }
-    default:
-      return OneOf<bool, std::int8_t, std::int16_t, std::int32_t, std::int64_t, std::uint8_t,
-                   std::uint16_t, std::uint32_t, std::uint64_t>(Below(9), bits);
-  }
+  static double const special[] = {0.0,       -0.0,         1.5,      HUGE_VAL,
+                                   -HUGE_VAL, std::nan(""), 4.9e-324, DBL_MAX};
+  auto const bits = random_(), kind = Below(14);
+  double real = special[Below(8)];
+  if (Chance(60)) std::memcpy(&real, &bits, sizeof real);
+  std::string text;
+  for (auto n = Below(Chance(5) ? 300 : 24); n > 0; --n)
+    text += static_cast<char>(Chance(70) ? 'a' + Below(26) : Below(256));
+  if (kind == 0) return Setting();
+  if (kind == 1) return Setting(real);
+  if (kind == 2) return Setting(tern::rtl::Timestamp(static_cast<std::int64_t>(bits)));
+  if (kind == 3) return Setting(text);
+  if (kind == 4) return Setting(std::vector<std::uint8_t>(text.begin(), text.end()));
+  return OneOf<bool, std::int8_t, std::int16_t, std::int32_t, std::int64_t, std::uint8_t,
+               std::uint16_t, std::uint32_t, std::uint64_t>(kind - 5, bits);
 }
 
 Setting Values::Tree(std::size_t budget, int depth) {
@@ -150,18 +125,11 @@ Setting Values::Tree(std::size_t budget, int depth) {
 }
 
 int Apply(Op const& op, Client& client) {
-  switch (op.kind) {
-    case Op::kCreate:
-      return client.creator->CreateSetting(op.path, op.setting);
-    case Op::kSetValue:
-      return client.valueSetter->SetValue(op.path, op.setting.value());
-    case Op::kSetSetting:
-      return client.setter->SetSetting(op.path, op.setting);
-    case Op::kSetAttribute:
-      return client.setter->SetAttribute(op.path, op.attributes);
-    default:
-      return client.deleter->DeleteSetting(op.path);
-  }
+  if (op.kind == Op::kCreate) return client.creator->CreateSetting(op.path, op.setting);
+  if (op.kind == Op::kSetValue) return client.valueSetter->SetValue(op.path, op.setting.value());
+  if (op.kind == Op::kSetSetting) return client.setter->SetSetting(op.path, op.setting);
+  if (op.kind == Op::kSetAttribute) return client.setter->SetAttribute(op.path, op.attributes);
+  return client.deleter->DeleteSetting(op.path);
 }
 
 Op Stream::Make(std::uint64_t index, settings_manager::ISettingsGetter& current) const {

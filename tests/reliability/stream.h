@@ -2,7 +2,7 @@
 
 // The work load of the reliability suites: a client of a manager, random settings, and a
 // stream of changes that a writer process and the tests each rebuild from a seed.
-// Free of GoogleTest: the writer programs link it too.
+// The writer programs link it too.
 
 #include <cstdint>
 #include <memory>
@@ -11,25 +11,23 @@
 #include <vector>
 
 #include "settings_manager/settings_manager.h"
+#include "support/manager_fixture.h"
 
 namespace reliability {
 
 using settings_manager::Attributes;
 using settings_manager::Setting;
 
-// The six role interfaces of one manager.
-struct Client {
+// A manager and its six role interfaces.
+struct Client : test_support::Roles {
   // Makes a manager on `path` (empty: in memory only); 0, or the factory's code.
-  int Open(std::string const& path);
+  int Open(std::string const& path) {
+    Close();
+    int const rc = settings_manager::CreateSettingsManager({path}, manager);
+    return rc != 0 || From(*manager) ? rc : -1;
+  }
   void Close() { *this = Client(); }
-
   std::shared_ptr<settings_manager::ISettingsManager> manager;
-  std::shared_ptr<settings_manager::ISettingsCreator> creator;
-  std::shared_ptr<settings_manager::ISettingsGetter> getter;
-  std::shared_ptr<settings_manager::ISettingsValueSetter> valueSetter;
-  std::shared_ptr<settings_manager::ISettingsSetter> setter;
-  std::shared_ptr<settings_manager::ISettingsDeleter> deleter;
-  std::shared_ptr<settings_manager::ISettingsUpdateSubscriber> subscriber;
 };
 
 // A path from its text; empty when the text is not a valid path.
