@@ -1,6 +1,7 @@
 #include "reliability_util.h"
 
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <random>
 
@@ -15,35 +16,22 @@ bool SanitizerBuild() {
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
   return true;
-#else
-  return false;
 #endif
-#else
-  return false;
 #endif
-}
-
-double Scale() {
-  if (char const* text = std::getenv("SM_RELIABILITY_SCALE")) {
-    double const value = std::atof(text);
-    if (value > 0) return value;
-  }
-  return SanitizerBuild() ? 0.25 : 1.0;
+  return false;
 }
 
 std::size_t Scaled(std::size_t base, std::size_t least) {
-  auto const scaled = static_cast<std::size_t>(static_cast<double>(base) * Scale());
-  return scaled < least ? least : scaled;
+  char const* text = std::getenv("SM_RELIABILITY_SCALE");
+  double scale = text != nullptr ? std::atof(text) : 0;
+  if (scale <= 0) scale = SanitizerBuild() ? 0.25 : 1.0;
+  return std::max(least, static_cast<std::size_t>(static_cast<double>(base) * scale));
 }
 
 std::uint64_t TestSeed(char const* suite) {
-  std::uint64_t seed = 0;
-  if (char const* text = std::getenv("SM_RELIABILITY_SEED")) {
+  std::uint64_t seed = std::random_device()();
+  if (char const* text = std::getenv("SM_RELIABILITY_SEED"))
     seed = std::strtoull(text, nullptr, 10);
-  } else {
-    std::random_device device;
-    seed = (std::uint64_t{device()} << 32) ^ device();
-  }
   std::cout << "[ seed     ] " << suite << ": SM_RELIABILITY_SEED=" << seed << " replays this run"
             << std::endl;
   ::testing::Test::RecordProperty("seed", std::to_string(seed));
@@ -54,15 +42,23 @@ void Report(char const* suite, std::string const& text) {
   std::cout << "RELIABILITY " << suite << ": " << text << std::endl;
 }
 
-QuietLog::QuietLog(tern::logger::LogLevel threshold)
-    : counts_(std::make_shared<std::array<std::atomic<std::size_t>, 6>>()) {
+std::string ReadBytes(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+Deadline Within(std::size_t ms) {
+  return {std::chrono::steady_clock::now() + std::chrono::milliseconds(ms)};
+}
+
+void MakeRollbackFile(std::string const& path) {
+  test_support::SqliteFile(path).Exec("PRAGMA journal_mode=DELETE; PRAGMA user_version=1;");
+}
+
+QuietLog::QuietLog(tern::logger::LogLevel threshold) {
   auto& logger = tern::logger::TernLogger::RootLogger();
   previousThreshold_ = logger.Threshold();
-  auto counts = counts_;
-  previousSink_ = logger.SetSink([counts](tern::logger::LogRecord const& record) {
-    auto const level = static_cast<std::size_t>(record.level);
-    if (level < counts->size()) ++(*counts)[level];
-  });
+  previousSink_ = logger.SetSink([](tern::logger::LogRecord const&) {});
   logger.SetThreshold(threshold);
 }
 
@@ -72,31 +68,18 @@ QuietLog::~QuietLog() {
   logger.SetThreshold(previousThreshold_);
 }
 
-std::size_t QuietLog::Count(tern::logger::LogLevel level) const {
-  return (*counts_)[static_cast<std::size_t>(level)];
-}
-
 bool LoadFile(std::string const& path, Setting& root, std::string& error) {
   try {
     std::vector<settings_manager::impl::RawItem> items;
     for (auto& row : test_support::SqliteFile(path).DataRows())
       items.emplace_back(std::move(row.attrib), std::move(row.value), std::move(row.path));
-    if (items.empty()) {
-      root = Setting();
-      root.emplace<uvc::index::kMap>();
-      return true;
-    }
+    root = Setting();
+    root.emplace<uvc::index::kMap>();
+    if (items.empty()) return true;
     uvc::Path head;
     auto const result = settings_manager::Deserialize(items, head, root);
-    if (result.first < 0) {
-      error = result.second;
-      return false;
-    }
-    if (!head.empty() || root.index() != uvc::index::kMap) {
-      error = "the first row is not the root map";
-      return false;
-    }
-    return true;
+    error = result.first < 0 ? result.second : "the first row is not the root map";
+    return result.first >= 0 && head.empty() && root.index() == uvc::index::kMap;
   } catch (std::exception const& e) {
     error = e.what();
     return false;
@@ -107,22 +90,13 @@ bool LoadFile(std::string const& path, Setting& root, std::string& error) {
   // The manager first: on a file that never got its schema it makes one.
   Client client;
   if (int rc = client.Open(path); rc != 0)
-    return ::testing::AssertionFailure()
-           << "a new manager refused " << path << ": " << std::hex << rc;
+    return ::testing::AssertionFailure() << "a new manager refused " << path << ": " << rc;
   std::string error;
-  Setting rows;
-  if (!LoadFile(path, rows, error))
+  if (!LoadFile(path, root, error))
     return ::testing::AssertionFailure() << "the rows of " << path << " make no tree: " << error;
-  Setting shown = TreeOf(*client.getter);
-  if (!Same(shown, rows))
-    return ::testing::AssertionFailure()
-           << "the manager shows " << Describe(shown) << "\nbut the rows hold " << Describe(rows);
-  root = std::move(rows);
+  if (TreeOf(*client.getter) != root)
+    return ::testing::AssertionFailure() << "the manager shows other than the rows hold";
   return ::testing::AssertionSuccess();
-}
-
-void MakeRollbackFile(std::string const& path) {
-  test_support::SqliteFile(path).Exec("PRAGMA journal_mode=DELETE; PRAGMA user_version=1;");
 }
 
 }  // namespace reliability

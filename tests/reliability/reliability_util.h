@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -18,32 +16,29 @@ namespace reliability {
 
 // True in the AddressSanitizer and ThreadSanitizer builds, which run shorter.
 bool SanitizerBuild();
-// The factor on every count and time bound: SM_RELIABILITY_SCALE when set (e.g. 10 for a
-// long run by hand), else 1, or 0.25 in a sanitizer build.
-double Scale();
-// `base` times Scale(), at least `least`.
+// `base` times SM_RELIABILITY_SCALE (when set; else 1, or 0.25 in a sanitizer build), at
+// least `least`.
 std::size_t Scaled(std::size_t base, std::size_t least = 1);
-// The seed of a suite: SM_RELIABILITY_SEED when set, else a fresh one. Printed, so that
-// a failure can be replayed.
+// The seed of a suite: SM_RELIABILITY_SEED when set, else a fresh one; printed, so that a
+// failure can be replayed.
 std::uint64_t TestSeed(char const* suite);
 // One line of figures for the README: "RELIABILITY <suite>: <text>".
 void Report(char const* suite, std::string const& text);
-
 // Makes a file in rollback-journal mode: the library keeps the mode of a file that exists.
 void MakeRollbackFile(std::string const& path);
 
-// Silences the library's log while it lives (a type change is logged as an error) and
-// counts the records by level.
+// The bytes of the file at `path`; empty when there is none.
+std::string ReadBytes(std::string const& path);
+
+// Silences the library's log while it lives (a type change is logged as an error).
 class QuietLog {
  public:
-  explicit QuietLog(tern::logger::LogLevel threshold = tern::logger::LogLevel::Warning);
+  explicit QuietLog(tern::logger::LogLevel threshold = tern::logger::LogLevel::Fatal);
   ~QuietLog();
   QuietLog(QuietLog const&) = delete;
   QuietLog& operator=(QuietLog const&) = delete;
-  std::size_t Count(tern::logger::LogLevel level) const;
 
  private:
-  std::shared_ptr<std::array<std::atomic<std::size_t>, 6>> counts_;
   tern::logger::LogSink previousSink_;
   tern::logger::LogLevel previousThreshold_;
 };
@@ -52,20 +47,15 @@ class QuietLog {
 // manager does at start-up (an empty map when there is no row). False, with the reason
 // in `error`, when the rows do not make a tree.
 bool LoadFile(std::string const& path, Setting& root, std::string& error);
-
-// Both views of a restart: a new manager must start on the file (0), and what it shows
-// under the top-level keys must be the whole tree of the rows. Adds a failure otherwise.
+// Both views of a restart: a new manager must start on the file, and show under the
+// top-level keys the whole tree of the rows, which lands in `root`.
 ::testing::AssertionResult Restart(std::string const& path, Setting& root);
 
-// Time left of a budget.
-class Deadline {
- public:
-  explicit Deadline(std::chrono::milliseconds budget)
-      : end_(std::chrono::steady_clock::now() + budget) {}
-  bool Passed() const { return std::chrono::steady_clock::now() >= end_; }
-
- private:
-  std::chrono::steady_clock::time_point end_;
+// The end of a budget of `ms` milliseconds.
+struct Deadline {
+  bool Passed() const { return std::chrono::steady_clock::now() >= end; }
+  std::chrono::steady_clock::time_point end;
 };
+Deadline Within(std::size_t ms);
 
 }  // namespace reliability

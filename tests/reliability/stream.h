@@ -1,8 +1,8 @@
 #pragma once
 
 // The work load of the reliability suites: a client of a manager, random settings, and a
-// stream of changes that a writer process and the tests can each rebuild from a seed.
-// Free of GoogleTest: the writer program links it too.
+// stream of changes that a writer process and the tests each rebuild from a seed.
+// The writer programs link it too.
 
 #include <cstdint>
 #include <memory>
@@ -11,37 +11,28 @@
 #include <vector>
 
 #include "settings_manager/settings_manager.h"
+#include "support/manager_fixture.h"
 
 namespace reliability {
 
 using settings_manager::Attributes;
 using settings_manager::Setting;
 
-// The six role interfaces of one manager.
-struct Client {
+// A manager and its six role interfaces.
+struct Client : test_support::Roles {
   // Makes a manager on `path` (empty: in memory only); 0, or the factory's code.
-  int Open(std::string const& path);
-  void Close();
-
+  int Open(std::string const& path) {
+    Close();
+    int const rc = settings_manager::CreateSettingsManager({path}, manager);
+    return rc != 0 || From(*manager) ? rc : -1;
+  }
+  void Close() { *this = Client(); }
   std::shared_ptr<settings_manager::ISettingsManager> manager;
-  std::shared_ptr<settings_manager::ISettingsCreator> creator;
-  std::shared_ptr<settings_manager::ISettingsGetter> getter;
-  std::shared_ptr<settings_manager::ISettingsValueSetter> valueSetter;
-  std::shared_ptr<settings_manager::ISettingsSetter> setter;
-  std::shared_ptr<settings_manager::ISettingsDeleter> deleter;
-  std::shared_ptr<settings_manager::ISettingsUpdateSubscriber> subscriber;
 };
 
 // A path from its text; empty when the text is not a valid path.
 uvc::Path P(std::string const& text);
 std::string Text(uvc::Path const& path);
-
-// Whole trees, equal when every node has the same alternative, the same attributes and
-// the same content, doubles compared by their bits (so NaN equals itself).
-bool Same(Setting const& a, Setting const& b);
-std::size_t CountNodes(Setting const& s);
-// A compact text of a tree for failure messages, cut after `limit` characters.
-std::string Describe(Setting const& s, std::size_t limit = 600);
 
 // The top-level keys every generated path starts with.
 std::vector<std::string> const& TopKeys();
@@ -58,8 +49,7 @@ class Values {
   std::uint64_t Below(std::uint64_t n) { return n == 0 ? 0 : random_() % n; }
   bool Chance(unsigned percent) { return Below(100) < percent; }
   std::string Key();
-  // A scalar (alternatives 3 to 15), or None now and then.
-  Setting Scalar();
+  Setting Scalar();  // any scalar alternative, None now and then
   // A subtree of at most `budget` nodes, some of them read-only.
   Setting Tree(std::size_t budget, int depth = 0);
 
@@ -75,14 +65,11 @@ struct Op {
   Setting setting;  // kCreate, kSetSetting; the value of kSetValue
   Attributes attributes;
 };
-char const* KindName(Op::Kind kind);
-std::string Describe(Op const& op);
 int Apply(Op const& op, Client& client);
 
-// Changes of a device's settings: creates, value changes, subtree replacements,
-// attribute changes and deletes, mostly of nodes that exist. Change `index` depends only
-// on the seed, the index and the tree it is made for, so a process that holds the same
-// tree makes the same change.
+// Creates, value changes, subtree replacements, attribute changes and deletes, mostly of
+// nodes that exist. Change `index` depends only on the seed, the index and the tree it is
+// made for, so a process that holds the same tree makes the same change.
 class Stream {
  public:
   explicit Stream(std::uint64_t seed, std::size_t maxNodes = 400)
