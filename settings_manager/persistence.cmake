@@ -11,5 +11,6 @@ add_library(sm_db STATIC
   src/settings_db_check.cpp
   src/settings_db_encoding.cpp
   src/settings_db_change_log.cpp
+  src/wal_write_lock.cpp
 )
 target_link_libraries(sm_db PUBLIC sm_records platform PRIVATE SQLite::SQLite3 sm_warnings)

@@ -24,7 +24,8 @@ using settings_manager::log::LogLevel;
 SettingsDB::SettingsDB(std::string const& path, Access access)
     : text_(std::in_place_index<sqlite::alt::kText>),
       blob_(std::in_place_index<sqlite::alt::kBlob>),
-      path_(path) {
+      path_(path),
+      access_(access) {
   if (path.empty()) throw std::runtime_error("[SMDB] Empty DB path");
   auto const wrapper = std::make_unique<sqlite::Wrapper>();
   if (access == Access::kReadOnly) {
@@ -50,6 +51,25 @@ SettingsDB::SettingsDB(std::string const& path, Access access)
 }
 
 SettingsDB::~SettingsDB() = default;
+
+void SettingsDB::ReopenIfImmutable() {
+  if (sqlite3_uri_boolean(sqlite3_db_filename(db_->Handle(), "main"), "immutable", 0) == 0) return;
+  CheckSameFile();
+  std::unique_ptr<sqlite::IDatabase> fresh;
+  sqlite::Wrapper wrapper;
+  int const opened = access_ == Access::kReadOnly ? wrapper.OpenExisting(path_, fresh)
+                                                  : wrapper.Open(path_, fresh);
+  Check(opened >= 0, "Could not open settings database", opened);
+  // The kept statements belong to the old connection: finalized before it closes.
+  for (Statement* statement :
+       {&tableExists_, &selectAll_, &selectSubtree_, &countAll_, &countSubtree_, &deleteAll_,
+        &deleteSubtree_, &insertRow_, &updateAttrib_, &lastGeneration_, &firstGeneration_,
+        &changedSince_, &insertChange_, &pruneChanges_})
+    statement->query = Query(std::unique_ptr<sqlite::IDatabase>());
+  db_ = std::move(fresh);
+  changeLog_ = false;
+  generation_ = {};
+}
 
 bool SettingsDB::EmptySelect(int code) noexcept { return code != sqlite::kRowReady; }
 

@@ -141,8 +141,13 @@ class SettingsDB {
     bool open_ = false;
   };
 
-  // The file's generation: the number of the last change recorded; 0 before the first.
+  // The file's generation: the number of the last change recorded; 0 when the log is
+  // empty or missing (before the first change, or emptied or dropped by hand).
   std::uint64_t Generation() const;
+
+  // The generation of the change that follows `last`. After 0 it is a random number
+  // below 2^62: an emptied log must not give again a number a lagging manager holds.
+  static std::uint64_t NextGeneration(std::uint64_t last);
 
   // The texts of the subtrees changed after generation `seen`, in ascending order and
   // without those inside another of them. Nothing when the log cannot tell: it no longer
@@ -151,8 +156,9 @@ class SettingsDB {
 
   // A read of the current state, for a refresh. It takes the write lock if it comes
   // free within `patience`: holding it, no change of another process can be half
-  // committed (its writes already seen by a watcher, its commit not yet visible). Rolled
-  // back at scope end.
+  // committed (its writes already seen by a watcher, its commit not yet visible). A
+  // connection that may not write waits as long for the lock to come free, without
+  // taking it. Rolled back at scope end.
   class Snapshot {
    public:
     Snapshot(SettingsDB const& db, std::chrono::microseconds patience);
@@ -173,6 +179,13 @@ class SettingsDB {
   // the file's name change.
   void CheckSameFile() const;
 
+  // A connection that reads the file as it was opened, without locks and without its
+  // log (a reader that may not write the file: SQLite's immutable=1), never sees a later
+  // commit: opens the file again, as the constructor chose. Throws as CheckSameFile when
+  // the path names another file, and as the constructor when the open fails (the old
+  // connection then stays).
+  void ReopenIfImmutable();
+
   // After a change the full disk refused (its transaction rolled back): gives the log's
   // room back for one more try. False when the failure was something else.
   bool ReclaimRoom() const noexcept { return db_->ReclaimRoom(); }
@@ -190,7 +203,6 @@ class SettingsDB {
   bool VerifySchema() const;
   void CreateSchema() const;
   bool TableExists(char const* name) const;
-  bool ChangeLogExists() const;
   void Record(std::string const& path, std::uint64_t generation) const;
   // The connection's data version: it moves whenever the file changed (SQLite's
   // SQLITE_FCNTL_DATA_VERSION). False when the file cannot tell.
@@ -222,9 +234,12 @@ class SettingsDB {
   mutable db_wrappers::sqlite::DbValue blob_;  // reused to bind every blob
   std::unique_ptr<db_wrappers::sqlite::IDatabase> db_;
   std::string path_;
+  Access access_;
   dev_t device_ = 0;  // the file opened: a path that names another one is refused
   ino_t inode_ = 0;
-  mutable bool changeLog_ = false;  // `changes` seen; a table is never dropped by us
+  // `changes` there, as last looked up or committed: looked up again whenever another
+  // connection committed, since it may be dropped by hand.
+  mutable bool changeLog_ = false;
   // The file's generation as last read or committed here, and the data version then.
   mutable struct {
     std::uint64_t number = 0;

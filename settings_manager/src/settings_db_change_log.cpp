@@ -5,10 +5,13 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <random>
 #include <thread>
 
 #include "settings_db.h"
 #include "settings_db_exec.h"
+#include "wal_write_lock.h"
 
 namespace settings_db {
 
@@ -21,6 +24,8 @@ namespace {
 // that missed more reloads everything.
 constexpr std::uint64_t kKeptChanges = 1024;
 constexpr std::uint64_t kPruneEvery = 256;
+// Room above a first generation for more changes than a file will ever see.
+constexpr std::uint64_t kGenerationBits = (std::uint64_t{1} << 62) - 1;
 
 // A busy handler that retries in short steps until the deadline it is given.
 int RetryUntil(void* deadline, int) {
@@ -57,16 +62,27 @@ void SettingsDB::Transaction::Commit(std::string const& path, std::uint64_t gene
   // A failed commit leaves the transaction open: the destructor rolls it back.
   Check(db_.db_->Commit().Statement() != nullptr, fmt::format("{}: commit", what_));
   open_ = false;
+  db_.changeLog_ = true;  // not before: a rolled-back change takes the table it made with it
   db_.KnowGeneration(generation);
 }
 
 SettingsDB::Snapshot::Snapshot(SettingsDB const& db, std::chrono::microseconds patience) : db_(db) {
   sqlite3* const handle = db.db_->Handle();
-  // A reader of a read-only file cannot take the write lock; it sees what is committed.
-  if (sqlite3_db_readonly(handle, "main") == 1) return;
+  auto deadline = std::chrono::steady_clock::now() + patience;
+  if (sqlite3_db_readonly(handle, "main") == 1) {
+    // A reader of a read-only file cannot take the write lock; it waits as long for the
+    // writer to let go of it, since the writes that woke the watcher come before the
+    // commit is visible.
+    while (WalWriteLockHeld(db.path_)) {
+      if (!RetryUntil(&deadline, 0)) {
+        complete_ = false;
+        return;
+      }
+    }
+    return;
+  }
   // Not the connection's long wait: a writer may hold the lock long (a whole table
   // rewritten). Without the lock the reads see what is committed.
-  auto deadline = std::chrono::steady_clock::now() + patience;
   sqlite3_busy_handler(handle, &RetryUntil, &deadline);
   open_ = db.db_->Begin().Statement() != nullptr;
   int const code = sqlite3_errcode(handle);
@@ -89,12 +105,6 @@ void SettingsDB::CheckSameFile() const {
   bool const same =
       ::stat(path_.c_str(), &file) == 0 && file.st_dev == device_ && file.st_ino == inode_;
   Check(same, "Database file replaced or deleted since it was opened", path_);
-}
-
-bool SettingsDB::ChangeLogExists() const {
-  // Once there it stays: only a true answer is kept.
-  if (!changeLog_) changeLog_ = TableExists(stmt::kChangeLog);
-  return changeLog_;
 }
 
 std::uint64_t SettingsDB::SingleNumber(Statement& statement) const {
@@ -123,9 +133,20 @@ std::uint64_t SettingsDB::Generation() const {
   unsigned version = 0;
   if (inTransaction && generation_.known && DataVersion(version) && version == generation_.version)
     return generation_.number;
-  auto const generation = ChangeLogExists() ? SingleNumber(lastGeneration_) : 0;
+  // Looked up again: another connection may have dropped the table by hand.
+  changeLog_ = TableExists(stmt::kChangeLog);
+  auto const generation = changeLog_ ? SingleNumber(lastGeneration_) : 0;
   if (inTransaction) KnowGeneration(generation);
   return generation;
+}
+
+std::uint64_t SettingsDB::NextGeneration(std::uint64_t last) {
+  if (last != 0) return last + 1;
+  // Counting from 1 again, a manager that last saw generation N would find N once more
+  // after N changes, and take none of them in. No manager holds a random number.
+  std::random_device random;
+  std::uint64_t const bits = (std::uint64_t{random()} << 32) ^ random();
+  return std::max<std::uint64_t>(bits & kGenerationBits, 1);
 }
 
 std::optional<std::vector<std::string>> SettingsDB::ChangedSince(std::uint64_t seen) const {
@@ -146,7 +167,8 @@ std::optional<std::vector<std::string>> SettingsDB::ChangedSince(std::uint64_t s
 }
 
 void SettingsDB::Record(std::string const& path, std::uint64_t generation) const {
-  if (!ChangeLogExists()) {
+  if (!changeLog_) {
+    // Made again, as it was, when dropped by hand.
     Query create(db_);
     Exec(create, stmt::kCreateChangeLog);
   }

@@ -34,7 +34,8 @@ bool SettingsManager::StoreChange::Commit(std::string const& key, std::uint64_t 
 
 void SettingsManager::Commit_(StoreChange& change, std::string const& key) {
   // Caught up inside this transaction: the file's generation is the one seen.
-  if (change.Commit(key, seenGeneration + 1)) ++seenGeneration;
+  auto const next = settings_db::SettingsDB::NextGeneration(seenGeneration);
+  if (change.Commit(key, next)) seenGeneration = next;
 }
 
 void SettingsManager::StartWatcher(std::string const& dbPath) {
@@ -77,6 +78,7 @@ void SettingsManager::Refresh_(bool onlyIfStale, std::chrono::microseconds patie
     EventThread notify(*this);
     WriterLock lock(treeLock);
     if (onlyIfStale && !stale) return;  // brought up to date while this waited
+    db->ReopenIfImmutable();
     // Cleared only when the file's write lock was free: a commit whose writes woke the
     // watcher has then ended, and is taken in here. Otherwise the next read tries again.
     settings_db::SettingsDB::Snapshot const snapshot(*db, patience);
