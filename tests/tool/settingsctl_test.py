@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # Drives the real settingsctl binary, each case in a temporary folder of its own.
 #   settingsctl_test.py SETTINGSCTL [Tool.test_name ...]
-import json, os, pathlib, random, re, shlex, shutil, signal, sqlite3, subprocess, sys, tempfile, time, unittest
+import atexit, functools, json, os, pathlib, random, re, shlex, shutil, signal, sqlite3, subprocess, sys, tempfile, time, unittest
 
 HERE = pathlib.Path(__file__).resolve().parent
 EXAMPLE, ALL_TYPES, BINARY, R = HERE.parent.parent / "examples" / "device.json", HERE / "all_types.json", None, re.compile
@@ -9,16 +9,30 @@ NOT_FOUND, PROHIBITED = "no such setting (Not found = 0x8000004c)", "(Prohibited
 AS_READER = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]  # may read the test's files, not write them
 
 
+@functools.lru_cache(maxsize=None)
+def reader_command():
+    # The reader runs a copy of the tool and its library from a folder it may enter: the build
+    # tree may lie below one only its owner can (a clone in a private temporary folder).
+    folder = tempfile.mkdtemp(prefix="settingsctl-reader-")
+    atexit.register(shutil.rmtree, folder, True)
+    os.chmod(folder, 0o755)
+    linked = subprocess.run(["ldd", BINARY], stdout=subprocess.PIPE, text=True, check=True).stdout
+    library = re.search(r"libsettings_manager\.so\.\d+ => (\S+)", linked).group(1)
+    for source in (BINARY, library):
+        shutil.copy2(source, folder)
+    return tuple(AS_READER + ["env", f"LD_LIBRARY_PATH={folder}", os.path.join(folder, os.path.basename(BINARY))])
+
+
 class Tool(unittest.TestCase):
     def setUp(self):
         self.dir = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="settingsctl-")))
 
-    def command(self, args, db="test.db"):
-        return [BINARY] + (["--db", db] if db is not None else []) + (shlex.split(args) if isinstance(args, str) else [str(a) for a in args])
+    def command(self, args, db="test.db", reader=False):
+        return (list(reader_command()) if reader else [BINARY]) + (["--db", db] if db is not None else []) + (shlex.split(args) if isinstance(args, str) else [str(a) for a in args])
 
     def run_tool(self, args, stdin="", db="test.db", env=None, stdout=subprocess.PIPE, reader=False):  # (status, output, errors)
         env = {k: v for k, v in {**os.environ, "SETTINGSCTL_DB": None, "SETTINGS_MANAGER_LOG_LEVEL": None, **(env or {})}.items() if v is not None}
-        result = subprocess.run((AS_READER if reader else []) + self.command(args, db), cwd=self.dir, stdout=stdout, stderr=subprocess.PIPE,
+        result = subprocess.run(self.command(args, db, reader), cwd=self.dir, stdout=stdout, stderr=subprocess.PIPE,
                                 input=stdin.encode() if isinstance(stdin, str) else stdin, timeout=60, env=env)
         return result.returncode, (result.stdout or b"").decode(), result.stderr.decode()
 
