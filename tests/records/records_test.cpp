@@ -83,10 +83,12 @@ TEST(Records, EveryAlternativeBothWaysMalformedOnesRefusedWithTheTargetsLeftAlon
     RawItem const record(Hex(attrib), Hex(value), path);
     Setting setting = Kept();
     uvc::Path target = P("keep");
+    // Plain flags: a lambda may not capture structured bindings in C++17.
+    bool const hasAttrib = *attrib, hasValue = *value, hasPath = *path;
     auto const error = ErrorOf([&] {
-      if (*attrib) record.DeserializeAttrib(setting.attributes);
-      if (*value) record.DeserializeValue(setting);
-      if (*path) record.DeserializePath(target);
+      if (hasAttrib) record.DeserializeAttrib(setting.attributes);
+      if (hasValue) record.DeserializeValue(setting);
+      if (hasPath) record.DeserializePath(target);
     });
     EXPECT_EQ(error, Result(Code(code), message));
     EXPECT_TRUE(setting == Kept() && target == P("keep")) << message;

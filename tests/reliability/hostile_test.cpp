@@ -231,8 +231,8 @@ TEST(Hostile, ATreeAsDeepAsTheLimitLoadsAndChanges) {
   FaultVfs vfs;
   test_support::TempDir dir;
   auto const db = dir.File("settings.db");
-  std::size_t const depth = kMaxDepth - 1;
-  Rows([depth](SqliteFile& file) {
+  constexpr std::size_t depth = kMaxDepth - 1;
+  Rows([](SqliteFile& file) {
     std::string path;
     for (std::size_t i = 0; i < depth; ++i) InsertNode(file, path += "d/");
   })(db);
