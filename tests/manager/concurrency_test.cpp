@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <thread>
+#include <utility>
 
 #include "support/manager_fixture.h"
 
@@ -14,7 +15,7 @@ namespace {
 class Concurrency : public ManagerTest {};
 
 TEST_F(Concurrency, ReadersAndWritersKeepTreeAndFileEqual) {
-  constexpr int kWriters = 4, kReaders = 2;
+  constexpr int kWriters = 4;
   constexpr std::uint64_t kRounds = 60;
   auto const counter = [](int w) { return P("w" + std::to_string(w) + "/counter"); };
   for (int w = 0; w < kWriters; ++w)
@@ -36,19 +37,15 @@ TEST_F(Concurrency, ReadersAndWritersKeepTreeAndFileEqual) {
       --writing;
     });
   }
-  for (int reader = 0; reader < kReaders; ++reader) {
-    threads.emplace_back([&] {
-      std::vector<std::uint64_t> last(kWriters, 0);  // one writer per counter: never goes back
-      while (writing > 0) {
-        for (int w = 0; w < kWriters; ++w) {
-          Setting value;
-          check(getter->GetSetting(counter(w), value), 0, 0);
-          unexpected += std::get<std::uint64_t>(value) < last[w];
-          last[w] = std::get<std::uint64_t>(value);
-        }
+  threads.emplace_back([&] {  // a counter has one writer: a reader never sees it go back
+    std::vector<std::uint64_t> last(kWriters, 0);
+    for (Setting value; writing > 0;)
+      for (int w = 0; w < kWriters; ++w) {
+        check(getter->GetSetting(counter(w), value), 0, 0);
+        unexpected +=
+            std::get<std::uint64_t>(value) < std::exchange(last[w], std::get<std::uint64_t>(value));
       }
-    });
-  }
+  });
   for (auto& t : threads) t.join();
   EXPECT_EQ(unexpected, 0);
   for (int w = 0; w < kWriters; ++w) EXPECT_EQ(Get(Text(counter(w))), Setting(kRounds));
