@@ -57,10 +57,6 @@ class Tool(unittest.TestCase):
         for args, status, expected, *options in rows:
             self.check(args, status, expected, **{**common, **(options[0] if options else {})})
 
-    def write(self, files):
-        for name, text in files.items():
-            (self.dir / name).write_text(text if isinstance(text, str) else json.dumps(text))
-
     # a watch beside the test; its answer to `line` tells it subscribed
     def start_watch(self, *args, line, answer):
         watch = self.enterContext(subprocess.Popen(self.command(["watch", *args]), cwd=self.dir,
@@ -77,14 +73,12 @@ class Tool(unittest.TestCase):
             ("import - --at copy/of", 0, "copy/of created\n", {"stdin": expected, "db": "other.db"}),
             ("export copy/of", 0, expected.replace('"path": "all"', '"path": "copy/of"', 1),
              {"db": "other.db"}),
-            ("--json get all/none", 0, "null\n")] + [(f"get all/{p}", 0, text + "\n") for p, text in [
-                ("int64Min", "-9223372036854775808"), ("uint64", "18446744073709551615"),
-                ("doubleNegZero", "-0"),
-                ("timestamp", "2024-05-01T12:00:00.250001Z"), ("bytes", "00017f80ff")]])
+            ("--json get all/none", 0, "null\n"), ("get all/doubleNegZero", 0, "-0\n"),
+            ("get all/timestamp", 0, "2024-05-01T12:00:00.250001Z\n"), ("get all/bytes", 0, "00017f80ff\n")])
 
     def test_backup_during_concurrent_writes_copies_one_committed_state(self):
         self.check("create c '{\"a\": 0, \"b\": 0}'")
-        self.write({"script": "".join(f'replace c {{"a":{i},"b":{i}}}\n' for i in range(1, 301))})
+        (self.dir / "script").write_text("".join(f'replace c {{"a":{i},"b":{i}}}\n' for i in range(1, 301)))
         with open(self.dir / "script") as script:
             writer = self.enterContext(subprocess.Popen(self.command("watch elsewhere"), cwd=self.dir,
                                                         stdin=script, stdout=subprocess.DEVNULL))
@@ -114,32 +108,22 @@ class Tool(unittest.TestCase):
 
     def test_exit_statuses_and_their_reasons(self):
         os.mkfifo(self.dir / "fifo")
-        for verb, subject in [("get a", "a"), ("ls", "/"), ("backup b.db", "b.db")]:  # never create or hang
+        for verb, subject in [("get a", "a"), ("backup b.db", "b.db")]:  # they never create or hang
             for db, why in [
                     ("missing.db", r"cannot (read|back up) the database 'missing.db': .*: no such file: "
                                    r"missing.db \(Media error = 0x80000059\)"),
                     ("fifo", "the database 'fifo' is a FIFO, not a regular file"),
-                    (".", r"the database '\.' is a folder, not a regular file"),
                     ("/dev/null", "the database '/dev/null' is a character device, not a regular file")]:
                 self.check(verb, 5, R(f"^settingsctl: {verb.split()[0]} {subject}: {why}$"), db=db)
         self.assertEqual((os.listdir(self.dir), os.path.exists("/dev/null-journal")), (["fifo"], False))
-        self.write({"junk.db": "not a database, just text long enough to hold a header\n" * 20,
-                    "bad.json": '{\n  "a": 1,\n  "b": 2 3\n}\n', "deep.json": "[" * 20000 + "]" * 20000,
-                    "t0.json": {"format": "settingsctl/1", "path": "dev", "node": {
-                        "type": "map", "value": {"port": {"type": "uint16", "value": 70000}}}}})
+        (self.dir / "junk.db").write_text("not a database, just text long enough to hold a header\n" * 20)
+        (self.dir / "bad.json").write_text('{\n  "a": 1,\n  "b": 2 3\n}\n')
         self.table([
             ("create wifi/5ghz 1", 2, "settingsctl: create wifi/5ghz: invalid path 'wifi/5ghz': "
              "a key must not begin with a digit ('5ghz')"),
-            ("create l/70000 1", 2, "settingsctl: create l/70000: invalid path 'l/70000': "
-             "a list index goes up to 65535 ('70000')"),
             ("import bad.json", 2,
              R(r"^settingsctl: import bad\.json: malformed JSON: parse error at line 3, ")),
-            ("import deep.json", 2, R(r"^settingsctl: import deep\.json: "
-                                      r".*settings nest at most 256 levels deep, and .* goes deeper$")),
-            ("import t0.json", 2,
-             "settingsctl: import t0.json: at /node/value/port/value: 70000 is out of range for uint16"),
-            ("frob", 2, "settingsctl: unknown verb 'frob' (settingsctl help --verbs lists them)"),
-            ("", 2, "settingsctl: no verb given (settingsctl help --verbs lists them)")])
+            ("frob", 2, "settingsctl: unknown verb 'frob' (settingsctl help --verbs lists them)")])
         self.assertNotIn("test.db", os.listdir(self.dir))  # no database made
         self.check(["import", EXAMPLE])
         for args, status, kind, code, reason in [  # the library's code and reason, when a library call failed
@@ -158,9 +142,6 @@ class Tool(unittest.TestCase):
         self.table([
             ("replace device/firmware/version 2", 4, "settingsctl: replace device/firmware/version: "
              "device/firmware/version is read-only (--force replaces it anyway)"),
-            ("set device/identity/serial x", 4,
-             f"settingsctl: set device/identity/serial: read-only {PROHIBITED}"),
-            ("replace device/firmware/version 2 --force", 0, "device/firmware/version replaced\n"),
             (f"set {PORT} x", 2, f"settingsctl: set {PORT}: 'x' is not a uint16 (0 to 65535)"),
             ("set device/network []", 4, "settingsctl: set device/network: "
              "it is a map, and '[]' is a list; --type list changes its kind"),
@@ -170,7 +151,7 @@ class Tool(unittest.TestCase):
              f"settingsctl: delete device/network/dns/0: list elements cannot be deleted {PROHIBITED}"),
             ("delete a", 3, "settingsctl: delete a: no such setting (Not found = 0x8000004c)"),
             (f"--json set {PORT} 1", 0, f'{{"path":"{PORT}","outcome":"changed"}}\n'),
-            (f"-q set {PORT} 2", 0, ""), (f"-q get {PORT}", 0, "2\n")])
+            (f"-q set {PORT} 2", 0, "")])
         with open("/dev/full", "wb") as full:  # a failed write of the output fails the command
             self.check("export", 1, R("cannot write the output: No space left on device"), stdout=full)
         mismatch = rf"library error: .*SetValue\({PORT}/\): old/new value type mismatch: \d+/\d+\n"
@@ -190,12 +171,14 @@ class Tool(unittest.TestCase):
         connection = self.enterContext(sqlite3.connect(self.dir / "test.db", isolation_level=None))
         connection.execute("BEGIN IMMEDIATE")
         self.table([(f"get {PORT}", 0, "3\n"), (f"set {PORT} 4", 5, R(
-            rf"^settingsctl: set {PORT}: cannot change the database 'test\.db': \[SMDB\] Set: begin transaction: "
-            r"database is locked by another connection for longer than the busy timeout of 5000 ms \("))])
+            rf"^settingsctl: set {PORT}: cannot change the database 'test\.db': \[SMDB\] Set: begin "
+            r"transaction: database is locked by another connection for longer than the busy timeout "
+            r"of 5000 ms \("))])
 
     def test_killed_import_applies_all_or_nothing(self):
         self.check(["import", EXAMPLE])
-        self.write({"big.json": {f"k{i}": {"a": i, "b": [i, str(i)], "c": {"d": True}} for i in range(2000)}})
+        (self.dir / "big.json").write_text(json.dumps(
+            {f"k{i}": {"a": i, "b": [i, str(i)], "c": {"d": True}} for i in range(2000)}))
         before, start = self.check("export"), time.monotonic()
         self.check("-q import big.json --force", db="full.db")
         rng, window, after = (random.Random(15), (time.monotonic() - start) * 1.2,  # the import's time
@@ -213,17 +196,14 @@ class Tool(unittest.TestCase):
 
     def test_watch_shows_events_in_order_and_changes_of_other_processes(self):
         self.check(["import", EXAMPLE])
-        self.write({"two.json": '{"b": 1, "a": 2}'})
         self.check("watch", stdin=f"set {PORT} 8081\nget {PORT}\n# a comment, and an empty line\n\n"
                    "create device/network/ntp p\nattr device/network/ntp --read-only=true\n"
-                   f"replace device/network/ntp 'a b' --force\nset {PORT} 8081\ndelete device/network/ntp\n"
-                   "import two.json --merge\nls\n",
+                   "replace device/network/ntp 'a b' --force\ndelete device/network/ntp\n",
                    expected=f"{PORT} changed\nevent: {PORT} value\n8081\ndevice/network/ntp created\n"
                    "event: device/network/ntp created\ndevice/network/ntp changed\n"
                    "event: device/network/ntp attributes\ndevice/network/ntp replaced\n"
-                   f"event: device/network/ntp setting\n{PORT} unchanged\ndevice/network/ntp deleted\n"
-                   "event: device/network/ntp deleted\na created\nb created\nevent: a created\n"
-                   "event: b created\na: int64\nb: int64\ndevice: map\n")
+                   "event: device/network/ntp setting\ndevice/network/ntp deleted\n"
+                   "event: device/network/ntp deleted\n")
         self.check("-q backup saved.db")
         watch = self.start_watch("device/network", line=f"get {PORT}", answer="8081\n")
         self.table([("set device/identity/name other", 0, "device/identity/name changed\n"),
