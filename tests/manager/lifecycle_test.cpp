@@ -21,11 +21,10 @@ TEST_F(Lifecycle, StartUpRecordsNameTheFileAndCountTheNodes) {
     EXPECT_EQ(prefix[5], sign);
     std::vector<std::string> seen;
     for (auto& text : expected) text = prefix + " " + text;  // the id ends with a blank itself
-    for (auto const& r : startup) {
-      EXPECT_EQ(r.level, LogLevel::Info) << r.message;
-      EXPECT_EQ(r.file, kManagerSource);
-      seen.push_back(r.message);
-    }
+    for (auto const& r : startup)
+      seen.push_back(r.message + (r.level == LogLevel::Info && r.file == kManagerSource
+                                      ? ""
+                                      : " (not an info record from the manager)"));
     EXPECT_EQ(seen, expected);
   };
   auto const opening = "Init: db path = '" + dbPath + "'...";
@@ -41,8 +40,7 @@ TEST_F(Lifecycle, StartUpRecordsNameTheFileAndCountTheNodes) {
   expect('-', {"Init: db path = ''...", "OK: 1 node(s)"});
   EXPECT_NE(prefix, "[SM] -FFFF ");
   ASSERT_EQ(creator->CreateSetting(P("a/b"), Int(1)), 0);
-  EXPECT_RC(deleter->DeleteSetting(P("a/b")), 0);  // nothing to disagree with: the tree answers
-  EXPECT_RC(deleter->DeleteSetting(P("a/b")), 1);
+  EXPECT_RC(deleter->DeleteSetting(P("a")), 0);  // nothing to disagree with: the tree answers
 }
 
 TEST_F(Lifecycle, DamagedFilesAreRefusedWithTheReasonAndTheCallersPointerKept) {

@@ -84,12 +84,10 @@ class ManagerTest : public ::testing::Test, protected Roles {
   void ExpectLog(std::vector<std::string> const& expected) {
     std::vector<std::string> seen;
     for (auto const& r : log.Records()) {
-      auto text = r.message.compare(0, prefix.size(), prefix) == 0
-                      ? r.message.substr(std::min(prefix.size() + 1, r.message.size()))
-                      : r.message;
+      auto const text = r.message.substr(std::min(prefix.size() + 1, r.message.size()));
       auto const name = text.substr(text.rfind("### ", 0) == 0 ? 4 : 0);
-      EXPECT_EQ(r.function, name.substr(0, name.find('('))) << text;
-      EXPECT_EQ(r.file, kManagerSource);
+      EXPECT_EQ(r.file + " " + r.function + " " + r.message.substr(0, prefix.size() + 1),
+                kManagerSource + (" " + name.substr(0, name.find('('))) + " " + prefix + " ");
       seen.push_back(std::string(1, "TDIWEF"[static_cast<int>(r.level)]) + " " + text);
     }
     EXPECT_EQ(seen, expected);
