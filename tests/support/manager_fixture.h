@@ -61,10 +61,7 @@ class ManagerTest : public ::testing::Test, protected Roles {
     log.Clear();
   }
   void Reopen() { Open(dbPath); }
-  void Close() {
-    Reset();
-    manager.reset();
-  }
+  void Close() { Reset(), manager.reset(); }
 
   Setting Get(std::string_view path) {
     Setting out;

@@ -70,8 +70,7 @@ class Tool(unittest.TestCase):
         self.table([
             (["import", ALL_TYPES], 0, "all created\n"), ("export all", 0, expected), ("get all/none", 0, ""),
             ("import - --at copy/of", 0, "copy/of created\n", {"stdin": expected, "db": "other.db"}),
-            ("export copy/of", 0, expected.replace('"path": "all"', '"path": "copy/of"', 1),
-             {"db": "other.db"}),
+            ("export copy/of", 0, expected.replace('"all"', '"copy/of"', 1), {"db": "other.db"}),
             ("get all/doubleNegZero", 0, "-0\n"), ("get all/timestamp", 0, "2024-05-01T12:00:00.250001Z\n")])
 
     def test_backup_during_concurrent_writes_copies_one_committed_state(self):
@@ -110,34 +109,25 @@ class Tool(unittest.TestCase):
             for db, why in [
                     ("missing.db", r"cannot (read|back up) the database 'missing.db': .*: no such file: "
                                    r"missing.db \(Media error = 0x80000059\)"),
-                    ("fifo", "the database 'fifo' is a FIFO, not a regular file"),
-                    ("/dev/null", "the database '/dev/null' is a character device, not a regular file")]:
+                    ("fifo", "the database 'fifo' is a FIFO, not a regular file")]:
                 self.check(verb, 5, R(f"^settingsctl: {verb.split()[0]} {subject}: {why}$"), db=db)
-        self.assertEqual((os.listdir(self.dir), os.path.exists("/dev/null-journal")), (["fifo"], False))
+        self.assertEqual(os.listdir(self.dir), ["fifo"])
         (self.dir / "junk.db").write_text("not a database, just text long enough to hold a header\n" * 20)
         (self.dir / "bad.json").write_text('{\n  "a": 1,\n  "b": 2 3\n}\n')
+        self.check(["import", EXAMPLE])
+        self.assertEqual(self.run_tool("-q get device/nope"), (3, "", ""))
         self.table([
             ("create wifi/5ghz 1", 2, "settingsctl: create wifi/5ghz: invalid path 'wifi/5ghz': "
              "a key must not begin with a digit ('5ghz')"),
             ("import bad.json", 2,
              R(r"^settingsctl: import bad\.json: malformed JSON: parse error at line 3, ")),
-            ("frob", 2, "settingsctl: unknown verb 'frob' (settingsctl help --verbs lists them)")])
-        self.assertNotIn("test.db", os.listdir(self.dir))  # no database made
-        self.check(["import", EXAMPLE])
-        for args, status, kind, code, reason in [  # the library's code and reason, when a library call failed
-                ("get device/nope", 3, "not-found", "0x8000004c", "^No setting at 'device/nope/'$"),
-                ("set device/firmware/version 2", 4, "refused", "0x80000066", "^Prohibited = 0x80000066$"),
-                ("get a --db=junk.db", 5, "database", "0x80000059",
-                 "^.SMDB. Could not open .*: file is not a database$"),
-                ("get wifi/5ghz", 2, "bad-input", None, None)]:
-            db = None if "junk" in args else "test.db"
-            error = json.loads(self.check("--json " + args, status, db=db))
-            self.assertEqual(
-                (error["error"], error["status"], error.get("code"), self.run_tool("-q " + args, db=db)),
-                (kind, status, code, (status, "", "")), args)
-            self.assertTrue(not code or error["codeText"].endswith(" = " + code) and error["codeText"]
-                            in error["message"] and re.search(reason, error["reason"]), error)
-        self.table([
+            ("frob", 2, "settingsctl: unknown verb 'frob' (settingsctl help --verbs lists them)"),
+            ("--json get device/nope", 3, '{"error":"not-found","status":3,"verb":"get","subject":'
+             '"device/nope","message":"no such setting (Not found = 0x8000004c)","code":"0x8000004c",'
+             '"codeText":"Not found = 0x8000004c","reason":"No setting at \'device/nope/\'"}'),
+            ("--json get a", 5, R(r'^\{"error":"database","status":5,.*"codeText":"Media error = 0x80000059",'
+                                  r'"reason":"\[SMDB\] Could not open .*: file is not a database"\}$'),
+             {"db": "junk.db"}),
             ("replace device/firmware/version 2", 4, "settingsctl: replace device/firmware/version: "
              "device/firmware/version is read-only (--force replaces it anyway)"),
             (f"set {PORT} x", 2, f"settingsctl: set {PORT}: 'x' is not a uint16 (0 to 65535)"),
@@ -155,13 +145,6 @@ class Tool(unittest.TestCase):
         self.assertEqual((status, output), (0, f"{PORT} changed\n"))
         self.assertRegex(errors, rf"^library error: Ignored {LEVEL}='loud': expected 0 to 6 .*\n"
                          rf"library error: .*SetValue\({PORT}/\): old/new value type mismatch: \d+/\d+\n$")
-        # another process's write lock, held past the busy timeout, stops no read
-        connection = self.enterContext(sqlite3.connect(self.dir / "test.db", isolation_level=None))
-        connection.execute("BEGIN IMMEDIATE")
-        self.table([(f"get {PORT}", 0, "1\n"), (f"set {PORT} 4", 5, R(
-            rf"^settingsctl: set {PORT}: cannot change the database 'test\.db': \[SMDB\] Set: begin "
-            r"transaction: database is locked by another connection for longer than the busy timeout "
-            r"of 5000 ms \("))])
 
     def test_killed_import_applies_all_or_nothing(self):
         self.check(["import", EXAMPLE])
