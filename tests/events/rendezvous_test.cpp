@@ -1,7 +1,7 @@
 // Unsubscribe and the manager's end against an Update that is running: who waits for whom.
 
 #include <pthread.h>
-#include <unistd.h>
+#include <sched.h>
 
 #include <cerrno>
 #include <csignal>
@@ -11,51 +11,28 @@
 namespace events_test {
 namespace {
 
-// Holds one thread wherever it is (inside a wait included) in a signal handler until Thaw.
-class Freezer {
- public:
+// Holds a thread wherever it is (inside a wait included) in a signal handler until Thaw.
+struct Freezer {
+  static inline std::atomic<int> state{0};  // 1 once held, 2 once thawed
   Freezer() {
-    EXPECT_EQ(pipe(held_), 0);
-    EXPECT_EQ(pipe(thaw_), 0);
     struct sigaction action {};
     action.sa_handler = [](int) {
       int const saved = errno;
-      char byte = 'h';
-      if (Transfer(write, held_[1], &byte) == 1) Transfer(read, thaw_[0], &byte);
+      for (state = 1; state != 2;) sched_yield();
       errno = saved;
     };
-    EXPECT_EQ(sigaction(SIGUSR2, &action, &previous_), 0);
+    EXPECT_EQ(sigaction(SIGUSR2, &action, &previous), 0);
   }
   ~Freezer() {
-    Thaw();
-    sigaction(SIGUSR2, &previous_, nullptr);
-    for (int fd : {held_[0], held_[1], thaw_[0], thaw_[1]}) close(fd);
+    state = 2;
+    sigaction(SIGUSR2, &previous, nullptr);
   }
-  void Freeze(std::thread& thread) {  // returns once `thread` is held
+  void Freeze(std::thread& thread) {
+    state = 0;
     ASSERT_EQ(pthread_kill(thread.native_handle(), SIGUSR2), 0);
-    char byte = 0;
-    ASSERT_EQ(Transfer(read, held_[0], &byte), 1);
-    frozen_ = true;
+    while (state != 1) std::this_thread::yield();
   }
-  void Thaw() {
-    char byte = 't';
-    if (std::exchange(frozen_, false)) {
-      EXPECT_EQ(Transfer(write, thaw_[1], &byte), 1);
-    }
-  }
-
- private:
-  template <typename Io>
-  static ssize_t Transfer(Io io, int fd, char* byte) {
-    ssize_t done;
-    while ((done = io(fd, byte, 1)) < 0 && errno == EINTR) {
-    }
-    return done;
-  }
-  static inline int held_[2] = {-1, -1};
-  static inline int thaw_[2] = {-1, -1};
-  struct sigaction previous_ {};
-  bool frozen_ = false;
+  struct sigaction previous {};
 };
 
 // An observer that, for "a", says it has entered Update and stays there until let go.
@@ -66,8 +43,8 @@ struct Blocking {
   };
   std::shared_ptr<State> state = std::make_shared<State>();
   std::shared_ptr<Recorder> observer =
-      std::make_shared<Recorder>([state = state](uvc::Path const& path, unsigned char) {
-        if (path != uvc::Path{"a"}) return;
+      std::make_shared<Recorder>([state = state](std::string const& path) {
+        if (path != "a/") return;
         state->inside = true;
         state->entered.Open();
         EXPECT_TRUE(state->leave.Wait());
@@ -75,42 +52,69 @@ struct Blocking {
       });
 };
 
+// Unsubscribes one id from two threads at once. The refused call (0x8000004C) proves the
+// other has taken the subscription out and decided whether to wait (and waits, if it
+// must). A call that gave 0 while its observer was still inside is noted as -1.
+struct Racing {
+  Racing(settings_manager::ISettingsUpdateSubscriber& s, SubscriptionId id, Blocking const& b) {
+    for (int i = 0; i < 2; ++i)
+      threads[i] = std::thread([this, &s, id, i, state = b.state] {
+        int const rc = s.Unsubscribe(id);
+        bool const early = rc == 0 && state->inside;
+        std::lock_guard<std::mutex> hold(lock);
+        codes.push_back(early ? -1 : rc);
+        if (rc == Code(0x8000004Cu)) finder = 1 - i, refused.Open();
+      });
+  }
+  ~Racing() { Join(); }
+  // Blocks until one call was refused; true if the other had not returned by then.
+  bool Refused() { return refused.Wait() && Codes().size() == 1; }
+  std::vector<int> Codes() {
+    std::lock_guard<std::mutex> hold(lock);
+    return codes;
+  }
+  std::vector<int> Join() {  // both results in the order the calls returned
+    for (auto& thread : threads)
+      if (thread.joinable()) thread.join();
+    return Codes();
+  }
+
+  std::mutex lock;
+  std::vector<int> codes;
+  Gate refused;
+  int finder = 0;
+  std::thread threads[2];
+};
+
 using RendezvousTest = EventsTest;
 
 TEST_F(RendezvousTest, EachUnsubscribeWaitsForTheCallOfItsOwnObserver) {
   // Both listen at the root: for "a", `first` is called, then `later`.
   Blocking first, later;
-  if (!CalledBefore(first.observer, later.observer)) std::swap(first, later);
-  auto const firstId = Subscribe({}, first.observer);
-  auto const laterId = Subscribe({}, later.observer);
-  auto const returnedInside = std::make_shared<std::atomic<int>>(0);
-  auto checkOut = [returnedInside](Blocking const& blocking) {
-    return [returnedInside, state = blocking.state](int rc) {
-      if (rc == 0 && state->inside) ++*returnedInside;
-    };
-  };
+  if (std::less<ISettingsUpdateObserver*>()(later.observer.get(), first.observer.get()))
+    std::swap(first, later);
+  auto const firstId = Subscribe({}, first.observer), laterId = Subscribe({}, later.observer);
   Create({"a"});
   ASSERT_TRUE(first.state->entered.Wait());
-  RacingUnsubscribe one(*subscriber, firstId, checkOut(first));
+  Racing one(*subscriber, firstId, first);
   ASSERT_TRUE(one.Refused());
   // The first waiter cannot take its wake-up until thawed; the second must still wait
   // for the call of its own observer.
-  Freezer freezer;
-  freezer.Freeze(one.Finder());
+  auto freezer = std::make_unique<Freezer>();
+  freezer->Freeze(one.threads[one.finder]);
   first.state->leave.Open();
   ASSERT_TRUE(later.state->entered.Wait());
-  RacingUnsubscribe two(*subscriber, laterId, checkOut(later));
+  Racing two(*subscriber, laterId, later);
   EXPECT_TRUE(two.Refused());
-  freezer.Thaw();
+  freezer.reset();
   EXPECT_THAT(one.Join(), ElementsAre(Code(0x8000004Cu), 0));
   EXPECT_EQ(two.Codes().size(), 1u);
   later.state->leave.Open();
   EXPECT_THAT(two.Join(), ElementsAre(Code(0x8000004Cu), 0));
-  EXPECT_EQ(*returnedInside, 0);
-  SetValue({"a"}, 1);
+  ASSERT_RC(valueSetter->SetValue({"a"}, uvc::TValue<Setting>(1)), 0);
   Drain();
-  EXPECT_EQ(first.observer->Calls().size(), 1u);
-  EXPECT_EQ(later.observer->Calls().size(), 1u);
+  EXPECT_EQ(first.observer->Events().size(), 1u);
+  EXPECT_EQ(later.observer->Events().size(), 1u);
 }
 
 // The first of two root observers, held by the manager alone, is inside its Update of "a"
@@ -122,16 +126,18 @@ TEST_P(DestructionTest, TheRunningUpdateFinishesAndTheRestIsDropped) {
   bool const observerIsLastOwner = GetParam();
   struct State {
     std::weak_ptr<settings_manager::ISettingsManager> manager;
-    Gate entered, leave, released;
+    Gate entered, leave, released, threadEnded;
     std::atomic<int> calls{0};
     std::atomic<bool> returned{false};
-    std::shared_ptr<Gate> threadEnded = std::make_shared<Gate>();
   };
   auto const state = std::make_shared<State>();
   state->manager = manager;
-  auto hook = [state, observerIsLastOwner](uvc::Path const& path, unsigned char) {
-    if (++state->calls != 1 || path != uvc::Path{"a"}) return;
-    OpenWhenThisThreadEnds(state->threadEnded);
+  auto hook = [state, observerIsLastOwner](std::string const&) {
+    if (++state->calls != 1) return;
+    thread_local struct Ends {  // opens `threadEnded` once the event thread has returned
+      std::shared_ptr<State> state;
+      ~Ends() { state->threadEnded.Open(); }
+    } ends{state};
     auto owner = observerIsLastOwner ? state->manager.lock() : nullptr;
     state->entered.Open();
     EXPECT_TRUE(state->leave.Wait());
@@ -167,7 +173,7 @@ TEST_P(DestructionTest, TheRunningUpdateFinishesAndTheRestIsDropped) {
     EXPECT_TRUE(finishedFirst);
   }
   ASSERT_TRUE(state->released.Wait());
-  ASSERT_TRUE(state->threadEnded->Wait());
+  ASSERT_TRUE(state->threadEnded.Wait());
   EXPECT_EQ(state->calls, 1);
   EXPECT_TRUE(state->returned);
   for (auto const* function : {"~SettingsManager", "TakeEvents", "~EventThread"})
