@@ -74,6 +74,23 @@ class Recorder : public ISettingsUpdateObserver {
   Seen seen_;
 };
 
+// An observer that, when called, opens `entered` and stays inside until `leave` opens.
+struct Blocking {
+  struct State {  // shared: the observer may outlive a test body an assertion ended
+    Gate entered, leave;
+    std::atomic<bool> inside{false};
+  };
+  State* operator->() const { return state.get(); }
+  std::shared_ptr<State> state = std::make_shared<State>();
+  std::shared_ptr<Recorder> observer =
+      std::make_shared<Recorder>([state = state](std::string const&) {
+        state->inside = true;
+        state->entered.Open();
+        EXPECT_TRUE(state->leave.Wait());
+        state->inside = false;
+      });
+};
+
 class EventsTest : public ::testing::Test, protected Roles {
  protected:
   void SetUp() override {
@@ -96,18 +113,6 @@ class EventsTest : public ::testing::Test, protected Roles {
     ASSERT_TRUE(probe->WaitFor(1));
     ASSERT_RC(subscriber->Unsubscribe(id), 0);
     ASSERT_RC(deleter->DeleteSetting({"zzz"}), 0);
-  }
-  // Keeps the event thread in an Update of "hold" until the gate opens, so that the
-  // changes made meanwhile wait together.
-  std::shared_ptr<Gate> HoldEventThread() {
-    auto const leave = std::make_shared<Gate>(), entered = std::make_shared<Gate>();
-    Subscribe({"hold"}, std::make_shared<Recorder>([leave, entered](std::string const&) {
-                entered->Open();
-                EXPECT_TRUE(leave->Wait());
-              }));
-    Create({"hold"});
-    EXPECT_TRUE(entered->Wait());
-    return leave;
   }
   // NotifyEvent's records: at Debug one per delivered event that had an observer.
   std::vector<std::string> Records(LogLevel level) const {

@@ -11,78 +11,48 @@
 namespace events_test {
 namespace {
 
-// Holds a thread wherever it is (inside a wait included) in a signal handler until Thaw.
-struct Freezer {
-  static inline std::atomic<int> state{0};  // 1 once held, 2 once thawed
-  Freezer() {
-    struct sigaction action {};
-    action.sa_handler = [](int) {
-      int const saved = errno;
-      for (state = 1; state != 2;) sched_yield();
-      errno = saved;
-    };
-    EXPECT_EQ(sigaction(SIGUSR2, &action, &previous), 0);
-  }
-  ~Freezer() {
-    state = 2;
-    sigaction(SIGUSR2, &previous, nullptr);
-  }
-  void Freeze(std::thread& thread) {
-    state = 0;
-    ASSERT_EQ(pthread_kill(thread.native_handle(), SIGUSR2), 0);
-    while (state != 1) std::this_thread::yield();
-  }
-  struct sigaction previous {};
-};
-
-// An observer that, for "a", says it has entered Update and stays there until let go.
-struct Blocking {
-  struct State {  // shared: the observer may outlive a test body an assertion ended
-    Gate entered, leave;
-    std::atomic<bool> inside{false};
+// Holds a thread wherever it is (inside a wait included) in a signal handler until it is
+// set to 2.
+std::atomic<int> frozen{0};
+void Freeze(std::thread& thread) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {
+    int const saved = errno;
+    for (frozen = 1; frozen != 2;) sched_yield();
+    errno = saved;
   };
-  std::shared_ptr<State> state = std::make_shared<State>();
-  std::shared_ptr<Recorder> observer =
-      std::make_shared<Recorder>([state = state](std::string const& path) {
-        if (path != "a/") return;
-        state->inside = true;
-        state->entered.Open();
-        EXPECT_TRUE(state->leave.Wait());
-        state->inside = false;
-      });
-};
+  ASSERT_EQ(sigaction(SIGUSR2, &action, nullptr), 0);
+  ASSERT_EQ(pthread_kill(thread.native_handle(), SIGUSR2), 0);
+  while (frozen != 1) std::this_thread::yield();
+}
 
 // Unsubscribes one id from two threads at once. The refused call (0x8000004C) proves the
-// other has taken the subscription out and decided whether to wait (and waits, if it
-// must). A call that gave 0 while its observer was still inside is noted as -1.
+// other has taken the subscription out and waits, if it must; a call that gave 0 while its
+// observer was still inside is noted as -1.
 struct Racing {
   Racing(settings_manager::ISettingsUpdateSubscriber& s, SubscriptionId id, Blocking const& b) {
     for (int i = 0; i < 2; ++i)
       threads[i] = std::thread([this, &s, id, i, state = b.state] {
         int const rc = s.Unsubscribe(id);
-        bool const early = rc == 0 && state->inside;
         std::lock_guard<std::mutex> hold(lock);
-        codes.push_back(early ? -1 : rc);
-        if (rc == Code(0x8000004Cu)) finder = 1 - i, refused.Open();
+        codes.push_back(rc == 0 && state->inside ? -1 : rc);
+        if (rc == Code(0x8000004Cu)) finder = &threads[1 - i], refused.Open();
       });
   }
-  ~Racing() { Join(); }
-  // Blocks until one call was refused; true if the other had not returned by then.
+  ~Racing() { Codes(true); }
+  // True once a call was refused, if the other had not returned by then.
   bool Refused() { return refused.Wait() && Codes().size() == 1; }
-  std::vector<int> Codes() {
+  std::vector<int> Codes(bool join = false) {  // in the order the calls returned
+    for (auto& thread : threads)
+      if (join && thread.joinable()) thread.join();
     std::lock_guard<std::mutex> hold(lock);
     return codes;
-  }
-  std::vector<int> Join() {  // both results in the order the calls returned
-    for (auto& thread : threads)
-      if (thread.joinable()) thread.join();
-    return Codes();
   }
 
   std::mutex lock;
   std::vector<int> codes;
   Gate refused;
-  int finder = 0;
+  std::thread* finder = nullptr;
   std::thread threads[2];
 };
 
@@ -95,26 +65,21 @@ TEST_F(RendezvousTest, EachUnsubscribeWaitsForTheCallOfItsOwnObserver) {
     std::swap(first, later);
   auto const firstId = Subscribe({}, first.observer), laterId = Subscribe({}, later.observer);
   Create({"a"});
-  ASSERT_TRUE(first.state->entered.Wait());
+  ASSERT_TRUE(first->entered.Wait());
   Racing one(*subscriber, firstId, first);
   ASSERT_TRUE(one.Refused());
   // The first waiter cannot take its wake-up until thawed; the second must still wait
   // for the call of its own observer.
-  auto freezer = std::make_unique<Freezer>();
-  freezer->Freeze(one.threads[one.finder]);
-  first.state->leave.Open();
-  ASSERT_TRUE(later.state->entered.Wait());
+  Freeze(*one.finder);
+  first->leave.Open();
+  ASSERT_TRUE(later->entered.Wait());
   Racing two(*subscriber, laterId, later);
   EXPECT_TRUE(two.Refused());
-  freezer.reset();
-  EXPECT_THAT(one.Join(), ElementsAre(Code(0x8000004Cu), 0));
+  frozen = 2;
+  EXPECT_THAT(one.Codes(true), ElementsAre(Code(0x8000004Cu), 0));
   EXPECT_EQ(two.Codes().size(), 1u);
-  later.state->leave.Open();
-  EXPECT_THAT(two.Join(), ElementsAre(Code(0x8000004Cu), 0));
-  ASSERT_RC(valueSetter->SetValue({"a"}, uvc::TValue<Setting>(1)), 0);
-  Drain();
-  EXPECT_EQ(first.observer->Events().size(), 1u);
-  EXPECT_EQ(later.observer->Events().size(), 1u);
+  later->leave.Open();
+  EXPECT_THAT(two.Codes(true), ElementsAre(Code(0x8000004Cu), 0));
 }
 
 // The first of two root observers, held by the manager alone, is inside its Update of "a"
@@ -144,34 +109,28 @@ TEST_P(DestructionTest, TheRunningUpdateFinishesAndTheRestIsDropped) {
     owner.reset();
     state->returned = true;  // still inside the observer, which the manager alone held
   };
-  Subscribe({}, std::make_shared<Recorder>(hook));
-  Subscribe({}, std::make_shared<Recorder>(hook));
-  Subscribe({"w"},
-            std::make_shared<Recorder>(Recorder::Hook{}, [state] { state->released.Open(); }));
+  for (int n = 0; n < 2; ++n)
+    Subscribe({}, std::make_shared<Recorder>(hook, [state] { state->released.Open(); }));
   Create({"a"});
   ASSERT_TRUE(state->entered.Wait());
   Create({"b"});
   Create({"c"});
-  std::pair<Roles, std::shared_ptr<settings_manager::ISettingsManager>> owners{*this, manager};
   Reset();
-  manager.reset();
+  std::atomic<bool> finishedFirst{false};
+  std::thread destroyer([&, last = std::move(manager)]() mutable {
+    last.reset();  // the last reference, unless the observer took one
+    finishedFirst = state->returned.load();
+  });
   if (observerIsLastOwner) {
-    owners = {};
-    EXPECT_FALSE(state->manager.expired());
-    state->leave.Open();
-  } else {
-    std::atomic<bool> finishedFirst{false};
-    std::thread destroyer([&, owned = std::move(owners)]() mutable {
-      owned = {};  // the last reference: the destructor runs here
-      finishedFirst = state->returned.load();
-    });
-    // Nobody is called once the last owner has let go, so letting the Update return
-    // after that orders it before the rest.
-    while (!state->manager.expired()) std::this_thread::yield();
-    state->leave.Open();
     destroyer.join();
-    EXPECT_TRUE(finishedFirst);
+    EXPECT_FALSE(state->manager.expired());
   }
+  // Nobody is called once the last owner has let go, so letting the Update return after
+  // that orders it before the rest.
+  while (!state->manager.expired() && !observerIsLastOwner) std::this_thread::yield();
+  state->leave.Open();
+  if (destroyer.joinable()) destroyer.join();
+  EXPECT_EQ(finishedFirst, !observerIsLastOwner);
   ASSERT_TRUE(state->released.Wait());
   ASSERT_TRUE(state->threadEnded.Wait());
   EXPECT_EQ(state->calls, 1);
