@@ -19,18 +19,11 @@ struct Client : test_support::Roles {
   // c create, v SetValue, a SetAttribute (value "0"/"1"), s SetSetting (read-only), d delete.
   int Change(char kind, std::string const& key, std::string const& value = "") {
     auto const path = test_support::P(key);
-    switch (kind) {
-      case 'c':
-        return creator->CreateSetting(path, Setting(value));
-      case 'v':
-        return valueSetter->SetValue(path, Setting::Value(value));
-      case 'a':
-        return setter->SetAttribute(path, settings_manager::Attributes{value == "1"});
-      case 's':
-        return setter->SetSetting(path, Setting(value, {true}));
-      default:
-        return deleter->DeleteSetting(path);
-    }
+    if (kind == 'c') return creator->CreateSetting(path, Setting(value));
+    if (kind == 'v') return valueSetter->SetValue(path, Setting::Value(value));
+    if (kind == 'a') return setter->SetAttribute(path, settings_manager::Attributes{value == "1"});
+    if (kind == 's') return setter->SetSetting(path, Setting(value, {true}));
+    return deleter->DeleteSetting(path);
   }
   // Takes in what the others committed, as every change does first.
   void Sync() { Change('d', "sync/none"); }

@@ -37,41 +37,38 @@ struct Gate {
 
 // Records each Update as ("path/", kind), then runs the hook (which may block, throw or
 // call the manager); runs `atEnd` when destroyed.
-class Recorder : public ISettingsUpdateObserver {
- public:
+struct Recorder : ISettingsUpdateObserver {
   using Hook = std::function<void(std::string const& path)>;
-  explicit Recorder(Hook hook = {}, std::function<void()> atEnd = {})
-      : hook_(std::move(hook)), atEnd_(std::move(atEnd)) {}
+  explicit Recorder(Hook onUpdate = {}, std::function<void()> onEnd = {})
+      : hook(std::move(onUpdate)), atEnd(std::move(onEnd)) {}
   ~Recorder() override {
-    if (atEnd_) atEnd_();
+    if (atEnd) atEnd();
   }
   void Update(uvc::Path const& path, unsigned char kind) override {
-    {
-      std::lock_guard<std::mutex> hold(lock_);
-      seen_.emplace_back(Text(path), kind);
-      changed_.notify_all();
-    }
-    if (hook_) hook_(Text(path));
+    std::unique_lock<std::mutex> hold(lock);
+    seen.emplace_back(Text(path), kind);
+    changed.notify_all();
+    hold.unlock();
+    if (hook) hook(Text(path));
   }
   // All it heard but the "hold" and "zzz" markers.
-  Seen Events() const {
-    std::lock_guard<std::mutex> hold(lock_);
+  Seen Events() {
+    std::lock_guard<std::mutex> hold(lock);
     Seen out;
-    for (auto const& event : seen_)
+    for (auto const& event : seen)
       if (event.first != "hold/" && event.first != "zzz/") out.push_back(event);
     return out;
   }
   bool WaitFor(std::size_t count) {  // until it has heard `count` events in all
-    std::unique_lock<std::mutex> hold(lock_);
-    return changed_.wait_for(hold, std::chrono::minutes(1), [&] { return seen_.size() >= count; });
+    std::unique_lock<std::mutex> hold(lock);
+    return changed.wait_for(hold, std::chrono::minutes(1), [&] { return seen.size() >= count; });
   }
 
- private:
-  Hook const hook_;
-  std::function<void()> const atEnd_;
-  mutable std::mutex lock_;
-  std::condition_variable changed_;
-  Seen seen_;
+  Hook const hook;
+  std::function<void()> const atEnd;
+  std::mutex lock;
+  std::condition_variable changed;
+  Seen seen;
 };
 
 // An observer that, when called, opens `entered` and stays inside until `leave` opens.
