@@ -20,10 +20,7 @@
 namespace coherence {
 namespace {
 
-using events_test::Recorder;
-using events_test::Seen;
-using test_support::ChildProcess;
-using test_support::Code;
+using namespace events_test;
 
 class Coherence : public ::testing::Test {
  protected:
@@ -108,7 +105,7 @@ TEST_F(Coherence, RacingWritersLoseNothingAndAKilledOneLeavesEveryViewAgreeing) 
     for (auto& writer : writers) done.push_back(Answer(*writer, ""));
     auto const file = FileDump();
     for (std::size_t i = 0; i < writers.size(); ++i) {
-      std::string own = "done 0 ", prefix = "s/w" + std::to_string(i) + "k";
+      std::string own = "done ", prefix = "s/w" + std::to_string(i) + "k";
       for (auto at = file.find(prefix); at != std::string::npos; at = file.find(prefix, at + 1))
         own += file.substr(at, file.find(';', at) + 1 - at);
       EXPECT_EQ(done[i], own);
