@@ -26,7 +26,10 @@ struct Client : test_support::Roles {
     return deleter->DeleteSetting(path);
   }
   // Takes in what the others committed, as every change does first.
-  void Sync() { Change('d', "sync/none"); }
+  Client& Sync() {
+    Change('d', "sync/none");
+    return *this;
+  }
   // "path=value;" in tree order; '!' marks read-only.
   std::string Dump() {
     Setting s;

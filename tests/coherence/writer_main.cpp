@@ -32,8 +32,7 @@ int main(int argc, char** argv) {
   if (client.Open(argv[1]) != 0) return 3;
   std::string const tag = argv[2];
   std::mt19937_64 random(std::strtoull(argv[3], nullptr, 10));
-  std::set<int> const possible{
-      0, 1, int(0x8000004Au), int(0x8000004Cu), int(0x8000004Du), int(0x80000066u)};
+  std::set<unsigned> const possible{0, 1, 0x8000004A, 0x8000004C, 0x8000004D, 0x80000066};
   std::map<std::string, std::string> own;  // value, then '!' when read-only
   Say("ready\n");
   for (std::string line; std::getline(std::cin, line);) {
@@ -54,14 +53,13 @@ int main(int argc, char** argv) {
               kind == 'a' ? entry.substr(0, entry.find('!')) + (value == "1" ? "!" : "") : value;
           if (kind == 'd') own.erase(key);
         }
-        Say((possible.count(rc) ? "did " : "odd ") + std::to_string(rc) + "\n");
+        Say((possible.count(unsigned(rc)) ? "did " : "odd ") + std::to_string(rc) + "\n");
       }
       std::string state;
       for (auto const& [k, v] : own) state += k + "=" + v + ";";
       Say("done " + state + "\n");
     } else if (verb == "sync") {
-      client.Sync();
-      Say(client.Dump() + "\n");
+      Say(client.Sync().Dump() + "\n");
     } else {
       Say("rc " + std::to_string(client.Change(verb[0], key, value)) + "\n");
     }

@@ -46,22 +46,19 @@ struct Recorder : ISettingsUpdateObserver {
   }
   void Update(uvc::Path const& path, unsigned char kind) override {
     std::unique_lock<std::mutex> hold(lock);
-    seen.emplace_back(Text(path), kind);
+    ++calls;
+    if (Text(path) != "hold/" && Text(path) != "zzz/") seen.emplace_back(Text(path), kind);
     changed.notify_all();
     hold.unlock();
     if (hook) hook(Text(path));
   }
-  // All it heard but the "hold" and "zzz" markers.
-  Seen Events() {
+  Seen Events() {  // all it heard but the "hold" and "zzz" markers
     std::lock_guard<std::mutex> hold(lock);
-    Seen out;
-    for (auto const& event : seen)
-      if (event.first != "hold/" && event.first != "zzz/") out.push_back(event);
-    return out;
+    return seen;
   }
   bool WaitFor(std::size_t count) {  // until it has heard `count` events in all
     std::unique_lock<std::mutex> hold(lock);
-    return changed.wait_for(hold, std::chrono::minutes(1), [&] { return seen.size() >= count; });
+    return changed.wait_for(hold, std::chrono::minutes(1), [&] { return calls >= count; });
   }
 
   Hook const hook;
@@ -69,6 +66,7 @@ struct Recorder : ISettingsUpdateObserver {
   std::mutex lock;
   std::condition_variable changed;
   Seen seen;
+  std::size_t calls = 0;
 };
 
 // An observer that, when called, opens `entered` and stays inside until `leave` opens.

@@ -117,8 +117,7 @@ TEST_P(DestructionTest, TheRunningUpdateFinishesAndTheRestIsDropped) {
     Subscribe({}, std::make_shared<Recorder>(hook, [state] { state->released.Open(); }));
   Create({"a"});
   ASSERT_TRUE(state->entered.Wait());
-  Create({"b"});
-  Create({"c"});
+  for (char const* path : {"b", "c"}) Create({path});
   Reset();
   std::atomic<bool> finishedFirst{false};
   std::thread destroyer([&, last = std::move(manager)]() mutable {
