@@ -1,7 +1,7 @@
 #pragma once
 
-// What the change-notification tests share: a latch, a recording observer, and an
-// in-memory manager whose deliveries can be awaited or held.
+// What the change-notification tests share: a latch, a recording and a blocking observer,
+// and an in-memory manager whose deliveries can be awaited.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
