@@ -45,7 +45,6 @@ std::string Bytes(std::string const& path) {
 TEST_F(Sqlite, OpensNewFilesInWalWithFullSyncAndLeavesOthersAsTheyAre) {
   EXPECT_EQ(SqliteFile(path_).QueryText("PRAGMA journal_mode"), "wal");
   EXPECT_EQ(Run("PRAGMA synchronous"), DbValue(std::int64_t{2}));
-  EXPECT_EQ(Run("PRAGMA busy_timeout"), DbValue(std::int64_t{5000}));
   std::string const foreign = dir_.File("foreign.db"), junk = dir_.File("junk.db");
   SqliteFile(foreign).Exec("PRAGMA journal_mode=DELETE; CREATE TABLE o(x);");
   std::string const before = Bytes(foreign);
@@ -62,15 +61,11 @@ TEST_F(Sqlite, OpensNewFilesInWalWithFullSyncAndLeavesOthersAsTheyAre) {
   EXPECT_FALSE(std::filesystem::exists(dir_.File("missing")));
 }
 
-TEST_F(Sqlite, ValuesKeepTheirStorageClassAndComeBackAsWhatTheyHold) {
+TEST_F(Sqlite, ValuesKeepTheirStorageClassAndBytes) {
   std::tuple<DbValue, std::string> const stored[] = {
-      {DbValue(), "null:NULL"},
-      {std::int16_t{-32768}, "integer:-32768"},
       {std::numeric_limits<std::int64_t>::min(), "integer:-9223372036854775808"},
-      {-2.5, "real:-2.5"},
       {"a\0b\x80\xff"s, "text:61006280FF"},
       {tern::rtl::Timestamp(1700000000123456), "integer:1700000000123456"},
-      {true, "integer:1"},
       {Blob{}, "blob:X''"}};
   Run("CREATE TABLE v(x)");
   for (auto const& [value, text] : stored) {
@@ -81,36 +76,28 @@ TEST_F(Sqlite, ValuesKeepTheirStorageClassAndComeBackAsWhatTheyHold) {
                                           "THEN hex(x) ELSE quote(x) END FROM v"),
               text);
   }
-  std::tuple<char const*, int, DbValue> const read[] = {
-      {"42", alt::kText, std::int64_t{42}},
-      {"'7'", alt::kInt64, "7"s},
-      {"x'01'", alt::kText, Blob{1}},
-      {"128", alt::kInt8, std::int64_t{128}},
-      {"2", alt::kBool, std::int64_t{2}},
-      {"0", alt::kBool, false},
-      {"-5", alt::kTimestamp, tern::rtl::Timestamp(-5)}};
-  for (auto const& [sql, alternative, value] : read)
-    EXPECT_EQ(Run("SELECT "s + sql, alternative), value) << sql;
+  EXPECT_EQ(Run("SELECT 128", alt::kInt8), DbValue(std::int64_t{128}));  // too big: as it is
 }
 
 TEST_F(Sqlite, QueriesReportSqlitesCodesAndTexts) {
   Query query(db_);
   EXPECT_RC(query.Prepare("SELEC 1"), 0xA1110001u);
   EXPECT_EQ(db_->LastError(), "near \"SELEC\": syntax error");
-  EXPECT_RC(query.Prepare(" -- a comment only\n"), 0xA1110015u);
-  EXPECT_RC(query.Next(), 0xA1110015u);  // SQLITE_MISUSE without a statement
+  for (char const* nothing : {"", " -- a comment only\n"}) {
+    ASSERT_RC(query.Prepare("SELECT ?"), 0);
+    EXPECT_RC(query.Bind(2, std::int64_t{1}), 0xA1110019u);  // SQLITE_RANGE
+    EXPECT_RC(query.Prepare(nothing), 0xA1110015u);          // SQLITE_MISUSE
+    EXPECT_EQ(query.Statement(), nullptr);                   // the former one is gone
+  }
+  EXPECT_RC(query.Next(), 0xA1110015u);
   EXPECT_RC(query.Flush(), 0xA1110015u);
-  ASSERT_RC(query.Prepare("SELECT ?"), 0);
-  EXPECT_RC(query.Bind(2, std::int64_t{1}), 0xA1110019u);  // SQLITE_RANGE
   Run("CREATE TABLE r(k TEXT UNIQUE, v)");
   ASSERT_RC(query.Prepare("INSERT INTO r VALUES (?, ?)"), 0);
-  for (std::int64_t k : {1, 2}) {
-    ASSERT_RC(query.Bind(1, "k" + std::to_string(k)), 0);
-    ASSERT_RC(query.Bind(2, k), 0);
-    ASSERT_RC(query.Next(), kDone);
-    EXPECT_EQ(query.GetChangesCount(), 1);
-    ASSERT_RC(query.Flush(), 0);
-  }
+  ASSERT_RC(query.Bind(1, "k"s), 0);
+  ASSERT_RC(query.Bind(2, std::int64_t{1}), 0);
+  ASSERT_RC(query.Next(), kDone);
+  EXPECT_EQ(query.GetChangesCount(), 1);
+  ASSERT_RC(query.Flush(), 0);
   EXPECT_RC(query.Next(), 0xA1110813u);  // the bindings survived: SQLITE_CONSTRAINT_UNIQUE
   EXPECT_EQ(db_->LastError(), "UNIQUE constraint failed: r.k");
   EXPECT_RC(query.Flush(), 0xA1110813u);  // the reset reports the failed step once
@@ -118,7 +105,7 @@ TEST_F(Sqlite, QueriesReportSqlitesCodesAndTexts) {
   ASSERT_RC(query.ClearBindings(), 0);
   ASSERT_RC(query.Next(), kDone);
   EXPECT_EQ(SqliteFile(path_).QueryText("SELECT group_concat(quote(k) || quote(v)) FROM r"),
-            "'k1'1,'k2'2,NULLNULL");
+            "'k'1,NULLNULL");
 }
 
 TEST_F(Sqlite, TransactionsTakeTheWriteLockAtOnceAndRollBackUnlessCommitted) {
