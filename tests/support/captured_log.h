@@ -11,7 +11,6 @@ namespace test_support {
 struct CapturedRecord {
   tern::logger::LogLevel level;
   std::string file;
-  int line;
   std::string function;
   std::string message;
 };
@@ -24,7 +23,7 @@ class CapturedLog {
     previousSink_ = Root().SetSink([this](tern::logger::LogRecord const& r) {
       std::lock_guard<std::mutex> lock(lock_);
       records_.push_back(
-          {r.level, std::string(r.file), r.line, std::string(r.function), std::string(r.message)});
+          {r.level, std::string(r.file), std::string(r.function), std::string(r.message)});
     });
     Root().SetThreshold(tern::logger::LogLevel::Trace);
   }

@@ -72,12 +72,6 @@ std::string SqliteFile::QueryText(std::string const& sql) {
                                                          : Column<std::string>(st.get(), 0);
 }
 
-std::int64_t SqliteFile::QueryInt(std::string const& sql) {
-  auto st = Prepare(db_, sql);
-  if (sqlite3_step(st.get()) != SQLITE_ROW) throw std::runtime_error("no row: " + sql);
-  return sqlite3_column_int64(st.get(), 0);
-}
-
 std::string Hex(std::vector<std::uint8_t> const& bytes) {
   static char const digits[] = "0123456789abcdef";
   std::string out;

@@ -34,7 +34,7 @@ class SqliteFile {
   void InsertRow(Row const& row);
   // The single text value of a one-column query, or "<none>" when it returns no row.
   std::string QueryText(std::string const& sql);
-  std::int64_t QueryInt(std::string const& sql);
+  std::int64_t QueryInt(std::string const& sql) { return std::stoll(QueryText(sql)); }
 
   sqlite3* Handle() const { return db_; }
 

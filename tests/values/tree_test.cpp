@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <functional>
 #include <stdexcept>
 
 #include "settings_manager/format.h"
@@ -86,29 +87,28 @@ TEST(Tree, ReadOnlyAndForEachLookAtEveryLevelAndStopAtAValuelessNode) {
 }
 
 TEST(Results, ExceptionsBecomeCodesAndFormattersPrintCodeTexts) {
-  auto const caught = [](auto thrower) {
+  std::pair<std::function<void()>, uvc::Result> const thrown[] = {
+      {[] {
+         throw uvc::Result{Code(0x80000059u), "disk"};
+       },
+       {Code(0x80000059u), "disk"}},
+      {[] { throw uvc::Error(Code(0x80000066u), "ro"); }, {Code(0x80000066u), "ro"}},
+      {[] { static_cast<void>(std::get<std::string>(Setting(true))); },
+       {Code(0x8000004Au), "uvc: std::bad_variant_access"}},
+      {[] { throw std::out_of_range("9"); }, {Code(0x8000004Bu), "uvc: std::exception: 9"}},
+      {[] { throw 42; }, {Code(0x80000072u), "uvc: non-std exception"}}};
+  for (auto const& [thrower, result] : thrown) {
+    uvc::Result caught{};
     try {
       thrower();
     } catch (...) {
-      return uvc::ProcessException();
+      caught = uvc::ProcessException();
     }
-    return uvc::ResultOk();
-  };
-  EXPECT_EQ(caught([] {
-              throw uvc::Result{Code(0x80000059u), "disk"};
-            }),
-            uvc::Result(Code(0x80000059u), "disk"));
-  EXPECT_EQ(caught([] { throw uvc::Error(Code(0x80000066u), "ro"); }),
-            uvc::Result(Code(0x80000066u), "ro"));
-  EXPECT_EQ(caught([] { static_cast<void>(std::get<std::string>(Setting(true))); }),
-            uvc::Result(Code(0x8000004Au), "uvc: std::bad_variant_access"));
-  EXPECT_EQ(caught([] { throw std::out_of_range("9"); }),
-            uvc::Result(Code(0x8000004Bu), "uvc: std::exception: 9"));
-  EXPECT_EQ(caught([] { throw 42; }), uvc::Result(Code(0x80000072u), "uvc: non-std exception"));
-  EXPECT_EQ(fmt::format("{} {}", uvc::IdState::IndexTooBig, uvc::Result{Code(0x8000004Cu), "x"}),
-            "2 Not found = 0x8000004c");
-  EXPECT_EQ(fmt::format("[{}] {}", P("a/0"), uvc::ResultOk()), "[a/0/] No error = 0x0");
-  EXPECT_EQ(fmt::format("{}", uvc::Path{K("a"), I(65536)}), "<path to str fail: state = 2>");
+    EXPECT_EQ(caught, result);
+  }
+  EXPECT_EQ(fmt::format("{} {} [{}]", uvc::IdState::IndexTooBig, uvc::Result{Code(0x8000004Cu), ""},
+                        uvc::Path{K("a"), I(65536)}),
+            "2 Not found = 0x8000004c [<path to str fail: state = 2>]");
 }
 
 }  // namespace
