@@ -28,7 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   if (settings_manager::Serialize(head, tree, rows).first != 0 || rows.empty()) __builtin_trap();
   uvc::Path headAgain;
   Setting treeAgain;
-  if (settings_manager::Deserialize(rows, headAgain, treeAgain).first != 0) __builtin_trap();
-  if (headAgain != head || !fuzz::Same(treeAgain, tree)) __builtin_trap();
+  std::vector<settings_manager::impl::RawItem> again;
+  if (settings_manager::Deserialize(rows, headAgain, treeAgain).first != 0 ||
+      settings_manager::Serialize(headAgain, treeAgain, again).first != 0)
+    __builtin_trap();
+  if (headAgain != head || !fuzz::SameRows(again, rows)) __builtin_trap();
   return 0;
 }

@@ -1,16 +1,15 @@
 #pragma once
 
 // The byte framing the fuzz targets read their records from (make_seeds.cpp writes it), and
-// tree equality with doubles compared by their bits. A target stops the run
+// row lists compared byte for byte. A target stops the run
 // (__builtin_trap) when a property breaks; crashes and sanitizer reports stop it by themselves.
 
+#include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "raw_setting.h"
-#include "settings_manager/setting.h"
 
 namespace fuzz {
 
@@ -42,21 +41,12 @@ class Input {
   std::size_t size_, at_ = 0;
 };
 
-inline bool Same(settings_manager::Setting const& a, settings_manager::Setting const& b) {
-  if (a.index() != b.index() || a.attributes != b.attributes) return false;
-  if (auto const* x = std::get_if<uvc::index::kList>(&a)) {
-    auto const& y = std::get<uvc::index::kList>(b);
-    return std::equal(x->begin(), x->end(), y.begin(), y.end(), Same);
-  }
-  if (auto const* x = std::get_if<uvc::index::kMap>(&a)) {
-    auto const& y = std::get<uvc::index::kMap>(b);
-    return std::equal(x->begin(), x->end(), y.begin(), y.end(), [](auto& i, auto& j) {
-      return i.first == j.first && Same(i.second, j.second);
-    });
-  }
-  if (auto const* x = std::get_if<uvc::index::kDouble>(&a))
-    return std::memcmp(x, &std::get<uvc::index::kDouble>(b), sizeof *x) == 0;
-  return a.value() == b.value();
+// Two row lists alike byte for byte (doubles too: NaN payloads and the sign of zero count).
+inline bool SameRows(std::vector<settings_manager::impl::RawItem> const& a,
+                     std::vector<settings_manager::impl::RawItem> const& b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](auto const& x, auto const& y) {
+    return x.path == y.path && x.value == y.value && x.attrib == y.attrib;
+  });
 }
 
 }  // namespace fuzz

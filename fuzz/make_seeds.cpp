@@ -12,10 +12,7 @@
 
 namespace {
 
-using test_support::AttribRecord;
-using test_support::ByteVector;
-using test_support::StringRecord;
-using test_support::ValueRecord;
+using namespace test_support;
 std::filesystem::path folder;
 
 struct Row {
@@ -32,23 +29,25 @@ ByteVector Cut(ByteVector bytes) {  // one byte short
   bytes.pop_back();
   return bytes;
 }
-ByteVector Size16(std::size_t n) { return {std::uint8_t(n), std::uint8_t(n >> 8)}; }
-
-// A record as the targets read it: [path length][path][attrib length][attrib][value length,
-// 2 bytes LE][value]; the record target takes the path last and unframed.
+// The attrib and value of a row as every target frames them: [attrib length][attrib]
+// [value length, 2 bytes LE][value].
+ByteVector Columns(Row const& r) {
+  auto const n = r.value.size();
+  return ByteVector{std::uint8_t(r.attrib.size())} + r.attrib +
+         ByteVector{std::uint8_t(n), std::uint8_t(n >> 8)} + r.value;
+}
+// Records as fuzz_input.h reads them: [path length][path] before the columns.
 ByteVector Frames(std::vector<Row> const& rows) {
   ByteVector out;
   for (auto const& r : rows)
-    out = out + ByteVector{std::uint8_t(r.path.size())} + Text(r.path) +
-          ByteVector{std::uint8_t(r.attrib.size())} + r.attrib + Size16(r.value.size()) + r.value;
+    out = out + ByteVector{std::uint8_t(r.path.size())} + Text(r.path) + Columns(r);
   return out;
 }
 
 void Write(char const* target, std::string const& name, ByteVector const& bytes) {
   std::filesystem::create_directories(folder / target);
   std::ofstream(folder / target / name, std::ios::binary)
-      .write(reinterpret_cast<char const*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
+      .write(reinterpret_cast<char const*>(bytes.data()), std::streamsize(bytes.size()));
 }
 
 }  // namespace
@@ -68,21 +67,17 @@ int main(int argc, char** argv) {
                          "a/18446744073709551616"};
   for (int i = 0; i < 10; ++i) Write("path_text", "seed0" + std::to_string(i), Text(texts[i]));
 
-  std::vector<Row> const records = {
-      {"network/port/", ValueRecord(13, 8080)},
-      {"a/0/", StringRecord("hello"), AttribRecord(true)},
-      {"", ValueRecord(11, 0)},
-      {"s/", ValueRecord(10, 0)},
-      {"list/", ValueRecord(1, 3)},
-      {"x/", ValueRecord(16, 0), AttribRecord(false, 0x20000)},
-      {"short/", Cut(ValueRecord(5, 0xFFFE)), Cut(AttribRecord(false))},
-      {"big/", ValueRecord(10, ~0ull, 8, "abc")}};
-  for (std::size_t i = 0; i < records.size(); ++i) {
-    auto const& r = records[i];
-    Write("record", "seed0" + std::to_string(i),
-          ByteVector{std::uint8_t(r.attrib.size())} + r.attrib + Size16(r.value.size()) + r.value +
-              Text(r.path));
-  }
+  // The record target takes the path last and unframed.
+  Row const records[] = {{"network/port/", ValueRecord(13, 8080)},
+                         {"a/0/", StringRecord("hello"), AttribRecord(true)},
+                         {"", ValueRecord(11, 0)},
+                         {"s/", ValueRecord(10, 0)},
+                         {"list/", ValueRecord(1, 3)},
+                         {"x/", ValueRecord(16, 0), AttribRecord(false, 0x20000)},
+                         {"short/", Cut(ValueRecord(5, 0xFFFE)), Cut(AttribRecord(false))},
+                         {"big/", ValueRecord(10, ~0ull, 8, "abc")}};
+  for (int i = 0; i < 8; ++i)
+    Write("record", "seed0" + std::to_string(i), Columns(records[i]) + Text(records[i].path));
 
   // A small device tree in row order: maps, a list of 12 (10 and 11 before 2), scalars.
   std::vector<Row> tree = {{"", ValueRecord(2, 0)},
@@ -102,21 +97,21 @@ int main(int argc, char** argv) {
   auto const rows = [&tree](std::initializer_list<int> at) {
     std::vector<Row> out;
     for (int i : at) out.push_back(tree[i]);
-    return out;
+    return Frames(out);
   };
   Write("deserialize", "tree", Frames(tree));
   Write("deserialize", "subtree", Frames({tree.begin() + 3, tree.begin() + 19}));
-  Write("deserialize", "jump", Frames(rows({0, 4})));
-  Write("deserialize", "unrooted", Frames(rows({3, 1})));
+  Write("deserialize", "jump", rows({0, 4}));
+  Write("deserialize", "unrooted", rows({3, 1}));
   Write("deserialize", "scalar", Frames({{"a/b/", ValueRecord(7, 1ull << 63)}}));
 
   // Start-up: [flags][version length][version][records]; flags as startup_fuzzer.cpp reads them.
   Write("startup", "tree", ByteVector{0, 1} + Text("1") + Frames(tree));
-  Write("startup", "wal", ByteVector{16, 0} + Frames(rows({0, 1, 2, 3, 4, 5})));
+  Write("startup", "wal", ByteVector{16, 0} + rows({0, 1, 2, 3, 4, 5}));
   Write("startup", "empty", ByteVector{0, 0});
-  Write("startup", "version2", ByteVector{4, 1} + Text("2") + Frames(rows({0, 1, 2})));
-  Write("startup", "textcolumns", ByteVector{8, 0} + Frames(rows({0, 1, 2})));
-  Write("startup", "nometa", ByteVector{1, 0} + Frames(rows({0, 1, 2})));
-  Write("startup", "noroot", ByteVector{0, 0} + Frames(rows({1, 2, 3, 4, 5, 6})));
+  Write("startup", "version2", ByteVector{4, 1} + Text("2") + rows({0, 1, 2}));
+  Write("startup", "textcolumns", ByteVector{8, 0} + rows({0, 1, 2}));
+  Write("startup", "nometa", ByteVector{1, 0} + rows({0, 1, 2}));
+  Write("startup", "noroot", ByteVector{0, 0} + rows({1, 2, 3, 4, 5, 6}));
   return 0;
 }

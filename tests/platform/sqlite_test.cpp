@@ -32,7 +32,6 @@ class Sqlite : public ::testing::Test {
     for (std::size_t i = 0; i < values.size(); ++i) EXPECT_RC(query.Bind(int(i) + 1, values[i]), 0);
     return query.Next() == kRowReady ? query.Value(0, alternative) : DbValue();
   }
-  bool InTransaction() const { return sqlite3_get_autocommit(db_->Handle()) == 0; }
   TempDir dir_;
   std::string const path_ = dir_.File("store.db");
   std::unique_ptr<IDatabase> db_;
@@ -44,10 +43,8 @@ std::string Bytes(std::string const& path) {
 }
 
 TEST_F(Sqlite, OpensNewFilesInWalWithFullSyncAndLeavesOthersAsTheyAre) {
-  EXPECT_EQ(Run("PRAGMA journal_mode", alt::kText), DbValue("wal"s));
-  EXPECT_EQ(Run("PRAGMA synchronous"), DbValue(std::int64_t{2}));
-  EXPECT_EQ(Run("PRAGMA busy_timeout"), DbValue(std::int64_t{5000}));
   EXPECT_EQ(SqliteFile(path_).QueryText("PRAGMA journal_mode"), "wal");
+  EXPECT_EQ(Run("PRAGMA synchronous"), DbValue(std::int64_t{2}));
   std::string const foreign = dir_.File("foreign.db"), junk = dir_.File("junk.db");
   SqliteFile(foreign).Exec("PRAGMA journal_mode=DELETE; CREATE TABLE o(x);");
   std::string const before = Bytes(foreign);
@@ -64,64 +61,43 @@ TEST_F(Sqlite, OpensNewFilesInWalWithFullSyncAndLeavesOthersAsTheyAre) {
   EXPECT_FALSE(std::filesystem::exists(dir_.File("missing")));
 }
 
-TEST_F(Sqlite, ValuesKeepTheirStorageClassAndComeBackAsWhatTheyHold) {
+TEST_F(Sqlite, ValuesKeepTheirStorageClassAndBytes) {
   std::tuple<DbValue, std::string> const stored[] = {
-      {DbValue(), "null:NULL"},
-      {std::int8_t{-128}, "integer:-128"},
-      {std::int16_t{-32768}, "integer:-32768"},
-      {std::int32_t{2147483647}, "integer:2147483647"},
       {std::numeric_limits<std::int64_t>::min(), "integer:-9223372036854775808"},
-      {-2.5, "real:-2.5"},
       {"a\0b\x80\xff"s, "text:61006280FF"},
       {tern::rtl::Timestamp(1700000000123456), "integer:1700000000123456"},
-      {true, "integer:1"},
-      {Blob{0x00, 0xff}, "blob:X'00FF'"},
       {Blob{}, "blob:X''"}};
-  Run("CREATE TABLE v(id INTEGER PRIMARY KEY, x)");
+  Run("CREATE TABLE v(x)");
   for (auto const& [value, text] : stored) {
     Run("DELETE FROM v");
-    Run("INSERT INTO v VALUES (1, ?)", 0, {value});
+    Run("INSERT INTO v VALUES (?)", 0, {value});
     EXPECT_EQ(Run("SELECT x FROM v", static_cast<int>(value.index())), value) << text;
     EXPECT_EQ(SqliteFile(path_).QueryText("SELECT typeof(x) || ':' || CASE typeof(x) WHEN 'text' "
                                           "THEN hex(x) ELSE quote(x) END FROM v"),
               text);
   }
-  std::tuple<char const*, int, DbValue> const read[] = {
-      {"42", alt::kText, std::int64_t{42}},
-      {"1.5", alt::kInt64, 1.5},
-      {"'7'", alt::kInt64, "7"s},
-      {"x'01'", alt::kText, Blob{1}},
-      {"128", alt::kInt8, std::int64_t{128}},
-      {"-32768", alt::kInt16, std::int16_t{-32768}},
-      {"2147483648", alt::kInt32, std::int64_t{2147483648}},
-      {"2", alt::kBool, std::int64_t{2}},
-      {"0", alt::kBool, false},
-      {"-5", alt::kTimestamp, tern::rtl::Timestamp(-5)}};
-  for (auto const& [sql, alternative, value] : read)
-    EXPECT_EQ(Run("SELECT "s + sql, alternative), value) << sql;
+  EXPECT_EQ(Run("SELECT 128", alt::kInt8), DbValue(std::int64_t{128}));  // too big: as it is
 }
 
 TEST_F(Sqlite, QueriesReportSqlitesCodesAndTexts) {
   Query query(db_);
   EXPECT_RC(query.Prepare("SELEC 1"), 0xA1110001u);
   EXPECT_EQ(db_->LastError(), "near \"SELEC\": syntax error");
-  EXPECT_EQ(query.Statement(), nullptr);
-  for (char const* nothing : {"", " -- a comment only\n"})
-    EXPECT_RC(query.Prepare(nothing), 0xA1110015u);
-  EXPECT_RC(query.Next(), 0xA1110015u);  // SQLITE_MISUSE without a statement
+  for (char const* nothing : {"", " -- a comment only\n"}) {
+    ASSERT_RC(query.Prepare("SELECT ?"), 0);
+    EXPECT_RC(query.Bind(2, std::int64_t{1}), 0xA1110019u);  // SQLITE_RANGE
+    EXPECT_RC(query.Prepare(nothing), 0xA1110015u);          // SQLITE_MISUSE
+    EXPECT_EQ(query.Statement(), nullptr);                   // the former one is gone
+  }
+  EXPECT_RC(query.Next(), 0xA1110015u);
   EXPECT_RC(query.Flush(), 0xA1110015u);
-  EXPECT_EQ(query.Value(0, alt::kInt64), DbValue());
-  ASSERT_RC(query.Prepare("SELECT ?"), 0);
-  EXPECT_RC(query.Bind(2, std::int64_t{1}), 0xA1110019u);  // SQLITE_RANGE
   Run("CREATE TABLE r(k TEXT UNIQUE, v)");
   ASSERT_RC(query.Prepare("INSERT INTO r VALUES (?, ?)"), 0);
-  for (std::int64_t k : {1, 2}) {
-    ASSERT_RC(query.Bind(1, "k" + std::to_string(k)), 0);
-    ASSERT_RC(query.Bind(2, k), 0);
-    ASSERT_RC(query.Next(), kDone);
-    EXPECT_EQ(query.GetChangesCount(), 1);
-    ASSERT_RC(query.Flush(), 0);
-  }
+  ASSERT_RC(query.Bind(1, "k"s), 0);
+  ASSERT_RC(query.Bind(2, std::int64_t{1}), 0);
+  ASSERT_RC(query.Next(), kDone);
+  EXPECT_EQ(query.GetChangesCount(), 1);
+  ASSERT_RC(query.Flush(), 0);
   EXPECT_RC(query.Next(), 0xA1110813u);  // the bindings survived: SQLITE_CONSTRAINT_UNIQUE
   EXPECT_EQ(db_->LastError(), "UNIQUE constraint failed: r.k");
   EXPECT_RC(query.Flush(), 0xA1110813u);  // the reset reports the failed step once
@@ -129,15 +105,7 @@ TEST_F(Sqlite, QueriesReportSqlitesCodesAndTexts) {
   ASSERT_RC(query.ClearBindings(), 0);
   ASSERT_RC(query.Next(), kDone);
   EXPECT_EQ(SqliteFile(path_).QueryText("SELECT group_concat(quote(k) || quote(v)) FROM r"),
-            "'k1'1,'k2'2,NULLNULL");
-  Query moved(std::move(query));
-  EXPECT_EQ(query.Statement(), nullptr);  // NOLINT(bugprone-use-after-move)
-  EXPECT_RC(query.Prepare("SELECT 1"), 0xA1110015u);
-  ASSERT_RC(moved.Prepare("UPDATE r SET v = 0"), 0);
-  ASSERT_RC(moved.Next(), kDone);
-  EXPECT_EQ(moved.GetChangesCount(), 3);
-  db_.reset();
-  EXPECT_NE(moved.Statement(), nullptr);  // a query may outlive its connection
+            "'k'1,NULLNULL");
 }
 
 TEST_F(Sqlite, TransactionsTakeTheWriteLockAtOnceAndRollBackUnlessCommitted) {
@@ -153,20 +121,16 @@ TEST_F(Sqlite, TransactionsTakeTheWriteLockAtOnceAndRollBackUnlessCommitted) {
               SQLITE_BUSY);
     EXPECT_FALSE(Monitor(db_).Begin());
     EXPECT_EQ(db_->LastError(), "cannot start a transaction within a transaction");
-    EXPECT_EQ(other.QueryInt("SELECT count(*) FROM t"), 0);
     EXPECT_EQ(commit && monitor.Commit(), commit);
   }
-  EXPECT_FALSE(InTransaction());
   EXPECT_EQ(other.QueryInt("SELECT count(*) FROM t"), 1);
   EXPECT_FALSE(Monitor(db_).Commit());
   EXPECT_EQ(db_->LastError(), "cannot commit - no transaction is active");
-  EXPECT_EQ(db_->Rollback().Statement(), nullptr);
-  EXPECT_EQ(db_->LastError(), "cannot rollback - no transaction is active");
   other.Exec("BEGIN IMMEDIATE");
   sqlite3_busy_timeout(db_->Handle(), 0);
   EXPECT_EQ(db_->Begin().Statement(), nullptr);
   EXPECT_EQ(db_->LastError(), "database is locked");
-  EXPECT_FALSE(InTransaction());
+  EXPECT_NE(sqlite3_get_autocommit(db_->Handle()), 0);
 }
 
 TEST_F(Sqlite, LikeComparesBytesAndCaseAndItsWildcardsCountBytes) {
@@ -185,14 +149,6 @@ TEST_F(Sqlite, LikeComparesBytesAndCaseAndItsWildcardsCountBytes) {
   EXPECT_EQ(Run("SELECT NULL LIKE 'a'"), DbValue());
   EXPECT_EQ(Run("SELECT x'00ff01' LIKE x'00ff25'"), DbValue(std::int64_t{1}));
   EXPECT_EQ(Run("SELECT 'A%' LIKE 'a!%' ESCAPE '!'"), DbValue(std::int64_t{1}));  // built in
-  Run("CREATE TABLE t(path TEXT PRIMARY KEY)");
-  for (auto const& key : {"A/b/"s, "a/b/"s, "a/b/c/"s, "a/bc/"s, "x\0y/"s, "x/"s})
-    Run("INSERT INTO t VALUES (?)", 0, {key});
-  Run("DELETE FROM t WHERE path LIKE ?1 || '%'", 0, {"a/b/"s});
-  Run("DELETE FROM t WHERE path LIKE ?1 || '%'", 0, {"x\0"s});
-  EXPECT_EQ(SqliteFile(path_).QueryText(
-                "SELECT group_concat(hex(path)) FROM (SELECT path FROM t ORDER BY path)"),
-            "412F622F,612F62632F,782F");
 }
 
 }  // namespace

@@ -18,9 +18,9 @@ using settings_db::SettingsDB;
 
 template <typename Read>
 std::tuple<int, std::string, Setting> Rebuild(Read const& read) {
+  Setting tree;
   try {
     auto rows = read();
-    Setting tree;
     uvc::Path head;
     if (rows.Empty()) return {1, "no rows", tree};
     auto const [code, text] = settings_manager::Deserialize(rows, head, tree);
@@ -37,11 +37,11 @@ struct AllRows : SettingsDB::RawItems {
 Setting RandomTree(std::mt19937& random, int depth) {
   Setting node = MapOf({});
   for (char key = 'a', last = static_cast<char>('a' + random() % 4); key <= last; ++key) {
-    Setting& child = std::get<uvc::index::kMap>(node)[std::string(1, key)];
-    if (auto const kind = random() % 3; kind == 0)  // lists long enough that 10 comes before 2
-      child = Setting(Setting::Value(List(random() % 40, Int(7))));
-    else
-      child = kind == 1 && depth > 0 ? RandomTree(random, depth - 1) : Str("text");
+    auto const kind = random() % 3;  // lists long enough that 10 comes before 2
+    std::get<uvc::index::kMap>(node)[std::string(1, key)] =
+        kind == 0                ? Setting(Setting::Value(List(random() % 40, Int(7))))
+        : kind == 1 && depth > 0 ? RandomTree(random, depth - 1)
+                                 : Str("text");
   }
   return node;
 }
@@ -70,8 +70,7 @@ TEST(Stream, RebuildsWhatReadingEveryRowFirstRebuilds) {
     file.Exec(damage[random() % 6] + "; COMMIT");
     for (auto const& at : {std::string(), items[random() % items.size()].path}) {
       auto const first = Rebuild([&] { return AllRows{db.Get(at)}; });
-      EXPECT_EQ(Rebuild([&] { return SettingsDB::Reader(db, at); }), first)
-          << "trial " << trial << " at '" << at << "'";
+      EXPECT_EQ(Rebuild([&] { return SettingsDB::Reader(db, at); }), first) << trial << at;
       failures += std::get<0>(first) < 0;
     }
   }

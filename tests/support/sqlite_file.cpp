@@ -8,6 +8,7 @@
 namespace test_support {
 namespace {
 
+using Bytes = std::vector<std::uint8_t>;
 using Statement = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
 
 Statement Prepare(sqlite3* db, std::string const& sql) {
@@ -17,17 +18,17 @@ Statement Prepare(sqlite3* db, std::string const& sql) {
   return Statement(raw, &sqlite3_finalize);
 }
 
-std::vector<std::uint8_t> Blob(sqlite3_stmt* st, int column) {
-  auto const* data = static_cast<std::uint8_t const*>(sqlite3_column_blob(st, column));
-  auto const size = static_cast<std::size_t>(sqlite3_column_bytes(st, column));
-  return data ? std::vector<std::uint8_t>(data, data + size) : std::vector<std::uint8_t>{};
+// A column's bytes as `Out` (std::string or a byte vector); empty for NULL.
+template <typename Out>
+Out Column(sqlite3_stmt* st, int column) {
+  auto const* data = static_cast<typename Out::value_type const*>(sqlite3_column_blob(st, column));
+  return data ? Out(data, data + sqlite3_column_bytes(st, column)) : Out();
 }
 
 }  // namespace
 
 SqliteFile::SqliteFile(std::string const& path) {
-  if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
-      SQLITE_OK) {
+  if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK) {
     std::string const error = db_ ? sqlite3_errmsg(db_) : "out of memory";
     sqlite3_close(db_);
     throw std::runtime_error("open " + path + ": " + error);
@@ -49,19 +50,17 @@ void SqliteFile::Exec(std::string const& sql) {
 std::vector<SqliteFile::Row> SqliteFile::DataRows() {
   auto st = Prepare(db_, "SELECT path, value, attrib FROM data ORDER BY path");
   std::vector<Row> rows;
-  while (sqlite3_step(st.get()) == SQLITE_ROW) {
-    auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(st.get(), 0));
-    auto const size = static_cast<std::size_t>(sqlite3_column_bytes(st.get(), 0));
-    rows.push_back({std::string(text ? text : "", size), Blob(st.get(), 1), Blob(st.get(), 2)});
-  }
+  while (sqlite3_step(st.get()) == SQLITE_ROW)
+    rows.push_back(
+        {Column<std::string>(st.get(), 0), Column<Bytes>(st.get(), 1), Column<Bytes>(st.get(), 2)});
   return rows;
 }
 
 void SqliteFile::InsertRow(Row const& row) {
   auto st = Prepare(db_, "INSERT INTO data VALUES (?, ?, ?)");
-  sqlite3_bind_text(st.get(), 1, row.path.data(), static_cast<int>(row.path.size()), SQLITE_TRANSIENT);
-  sqlite3_bind_blob(st.get(), 2, row.value.data(), static_cast<int>(row.value.size()), SQLITE_TRANSIENT);
-  sqlite3_bind_blob(st.get(), 3, row.attrib.data(), static_cast<int>(row.attrib.size()), SQLITE_TRANSIENT);
+  sqlite3_bind_text(st.get(), 1, row.path.data(), int(row.path.size()), SQLITE_STATIC);
+  sqlite3_bind_blob(st.get(), 2, row.value.data(), int(row.value.size()), SQLITE_STATIC);
+  sqlite3_bind_blob(st.get(), 3, row.attrib.data(), int(row.attrib.size()), SQLITE_STATIC);
   if (sqlite3_step(st.get()) != SQLITE_DONE)
     throw std::runtime_error("insert: " + std::string(sqlite3_errmsg(db_)));
 }
@@ -69,30 +68,14 @@ void SqliteFile::InsertRow(Row const& row) {
 std::string SqliteFile::QueryText(std::string const& sql) {
   auto st = Prepare(db_, sql);
   if (sqlite3_step(st.get()) != SQLITE_ROW) return "<none>";
-  auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(st.get(), 0));
-  return text ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(st.get(), 0)))
-              : "<null>";
-}
-
-std::int64_t SqliteFile::QueryInt(std::string const& sql) {
-  auto st = Prepare(db_, sql);
-  if (sqlite3_step(st.get()) != SQLITE_ROW) throw std::runtime_error("no row: " + sql);
-  return sqlite3_column_int64(st.get(), 0);
-}
-
-std::vector<std::uint8_t> Bytes(std::initializer_list<int> bytes) {
-  std::vector<std::uint8_t> out;
-  for (int b : bytes) out.push_back(static_cast<std::uint8_t>(b));
-  return out;
+  return sqlite3_column_type(st.get(), 0) == SQLITE_NULL ? "<null>"
+                                                         : Column<std::string>(st.get(), 0);
 }
 
 std::string Hex(std::vector<std::uint8_t> const& bytes) {
   static char const digits[] = "0123456789abcdef";
   std::string out;
-  for (auto b : bytes) {
-    out += digits[b >> 4];
-    out += digits[b & 15];
-  }
+  for (auto b : bytes) out += {digits[b >> 4], digits[b & 15]};
   return out;
 }
 

@@ -31,11 +31,10 @@ class SqliteFile {
   void Exec(std::string const& sql);
   // Every row of `data` ordered by path (byte order).
   std::vector<Row> DataRows();
-  // Inserts one row into `data` as given.
   void InsertRow(Row const& row);
   // The single text value of a one-column query, or "<none>" when it returns no row.
   std::string QueryText(std::string const& sql);
-  std::int64_t QueryInt(std::string const& sql);
+  std::int64_t QueryInt(std::string const& sql) { return std::stoll(QueryText(sql)); }
 
   sqlite3* Handle() const { return db_; }
 
@@ -43,8 +42,7 @@ class SqliteFile {
   sqlite3* db_ = nullptr;
 };
 
-// Byte helpers for building and reading records in tests.
-std::vector<std::uint8_t> Bytes(std::initializer_list<int> bytes);
+// Bytes as lower-case hex without blanks, as SQL's x'..' literals take them.
 std::string Hex(std::vector<std::uint8_t> const& bytes);
 
 // Rows print as text and hex in failure messages.

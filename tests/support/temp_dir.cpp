@@ -4,16 +4,13 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <vector>
 
 namespace test_support {
 
 TempDir::TempDir() {
   auto pattern = (std::filesystem::temp_directory_path() / "sm-test-XXXXXX").string();
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = buffer.data();
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
 }
 
 TempDir::~TempDir() {
