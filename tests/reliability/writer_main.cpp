@@ -8,8 +8,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "stream.h"
-#include "tern/logger/tern_logger.h"
+#include "reliability.h"
 
 namespace {
 
@@ -23,19 +22,13 @@ void Say(std::string const& line) {
 
 int main(int argc, char** argv) {
   if (argc != 5) return 2;
-  // Type changes are logged as errors; only a failure to start matters here.
-  tern::logger::TernLogger::RootLogger().SetThreshold(tern::logger::LogLevel::Fatal);
   std::uint64_t const first = std::strtoull(argv[3], nullptr, 10);
   reliability::Client client;
-  if (int rc = client.Open(argv[1]); rc != 0) {
-    Say("open-failed " + std::to_string(rc));
-    return 3;
-  }
+  if (int rc = client.Open(argv[1]); rc != 0) return Say("open-failed " + std::to_string(rc)), 3;
   Say("ready");
   reliability::Stream const stream(std::strtoull(argv[2], nullptr, 10));
   for (auto i = first; i < first + std::strtoull(argv[4], nullptr, 10); ++i)
     Say("ack " + std::to_string(i) + " " +
-        std::to_string(reliability::Apply(stream.Make(i, *client.getter), client)));
+        std::to_string(reliability::Apply(stream.Make(i, client), client)));
   Say("done");
-  return 0;
 }

@@ -1,24 +1,22 @@
-#include "stream.h"
+#include "reliability.h"
 
 #include <cfloat>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iostream>
 #include <type_traits>
 #include <utility>
+
+#include "raw_conversion.h"
+#include "support/sqlite_file.h"
 
 namespace reliability {
 namespace {
 
 namespace ix = uvc::index;
 using Nodes = std::vector<std::pair<uvc::Path, Setting const*>>;
-
-std::uint64_t Mix(std::uint64_t seed, std::uint64_t index) {
-  // splitmix64 of both: neighbouring indices give unrelated generators.
-  std::uint64_t z = seed ^ (index + 0x9E3779B97F4A7C15ull) * 0xBF58476D1CE4E5B9ull;
-  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-  z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-  return z ^ (z >> 31);
-}
 
 void Walk(Setting const& node, uvc::Path& at, Nodes& out) {
   if (!at.empty()) out.emplace_back(at, &node);
@@ -50,25 +48,70 @@ Setting OneOf(std::uint64_t pick, std::uint64_t bits) {
 
 }  // namespace
 
-uvc::Path P(std::string const& text) {
-  auto [path, state] = uvc::FromString(text, settings_manager::meta::GetIdSpecification());
-  return state == uvc::IdState::Ok ? std::move(path) : uvc::Path();
+std::size_t Scaled(std::size_t base, std::size_t least) {
+  char const* text = std::getenv("SM_RELIABILITY_SCALE");
+  double scale = text != nullptr ? std::atof(text) : 0;
+  if (scale <= 0) scale = kSanitizerBuild ? 0.25 : 1.0;
+  return std::max(least, static_cast<std::size_t>(static_cast<double>(base) * scale));
 }
 
-std::string Text(uvc::Path const& path) { return settings_manager::PathToStr(path); }
+std::uint64_t TestSeed(char const* suite) {
+  char const* text = std::getenv("SM_RELIABILITY_SEED");
+  std::uint64_t const seed = text ? std::strtoull(text, nullptr, 10) : std::random_device()();
+  std::cout << "[ seed     ] " << suite << ": SM_RELIABILITY_SEED=" << seed << " replays this run"
+            << std::endl;
+  ::testing::Test::RecordProperty("seed", std::to_string(seed));
+  return seed;
+}
+
+std::string ReadBytes(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Type changes are logged as errors, a refused file as fatal; the suites and the writer look
+// at results, not at the log.
+bool const quiet = (tern::logger::TernLogger::RootLogger().SetSink([](auto const&) {}), true);
+
+bool LoadFile(std::string const& path, Setting& root, std::string& error) {
+  try {
+    std::vector<settings_manager::impl::RawItem> items;
+    for (auto& row : test_support::SqliteFile(path).DataRows())
+      items.emplace_back(std::move(row.attrib), std::move(row.value), std::move(row.path));
+    root = Setting();
+    root.emplace<ix::kMap>();
+    if (items.empty()) return true;
+    uvc::Path head;
+    auto const result = settings_manager::Deserialize(items, head, root);
+    error = result.first < 0 ? result.second : "the first row is not the root map";
+    return result.first >= 0 && head.empty() && root.index() == ix::kMap;
+  } catch (std::exception const& e) {
+    error = e.what();
+    return false;
+  }
+}
+
+::testing::AssertionResult Restart(std::string const& path, Setting& root) {
+  // The manager first: on a file that never got its schema it makes one.
+  Client client;
+  std::string error;
+  if (int rc = client.Open(path); rc != 0)
+    return ::testing::AssertionFailure() << "a new manager refused " << path << ": " << rc;
+  if (!LoadFile(path, root, error))
+    return ::testing::AssertionFailure() << "the rows of " << path << " make no tree: " << error;
+  if (TreeOf(client) != root)
+    return ::testing::AssertionFailure() << "the manager shows other than the rows hold";
+  return ::testing::AssertionSuccess();
+}
 
 std::vector<std::string> const& TopKeys() {
   static std::vector<std::string> const keys = {"sys", "net", "app", "user", "Net"};
   return keys;
 }
 
-Setting TreeOf(settings_manager::ISettingsGetter& getter, std::vector<std::string> const& keys) {
+Setting TreeOf(Client& client) {
   Setting root;
-  auto& map = root.emplace<ix::kMap>();
-  for (auto const& key : keys) {
-    Setting node;
-    if (getter.GetSetting(uvc::Path{key}, node) == 0) map.emplace(key, std::move(node));
-  }
+  EXPECT_EQ(settings_manager::GetTree(*client.manager, root), 0);
   return root;
 }
 
@@ -132,8 +175,10 @@ int Apply(Op const& op, Client& client) {
   return client.deleter->DeleteSetting(op.path);
 }
 
-Op Stream::Make(std::uint64_t index, settings_manager::ISettingsGetter& current) const {
-  std::mt19937_64 random(Mix(seed_, index));
+Op Stream::Make(std::uint64_t index, Client& current) const {
+  // Neighbouring indices give unrelated generators.
+  std::seed_seq mixed{seed_, seed_ >> 32, index, index >> 32};
+  std::mt19937_64 random(mixed);
   Values v(random);
   Setting const root = TreeOf(current);
   auto const& rootMap = std::get<ix::kMap>(root);
