@@ -18,21 +18,15 @@ namespace {
 namespace ix = uvc::index;
 using Nodes = std::vector<std::pair<uvc::Path, Setting const*>>;
 
-void Walk(Setting const& node, uvc::Path& at, Nodes& out) {
+// Every node below `node`, which is at `at`, with its path.
+void Walk(Setting const& node, uvc::Path at, Nodes& out) {
   if (!at.empty()) out.emplace_back(at, &node);
-  if (auto const* map = std::get_if<ix::kMap>(&node)) {
-    for (auto const& [key, child] : *map) {
-      at.emplace_back(std::in_place_index<1>, key);
-      Walk(child, at, out);
-      at.pop_back();
-    }
-  } else if (auto const* list = std::get_if<ix::kList>(&node)) {
-    for (std::size_t i = 0; i < list->size(); ++i) {
-      at.emplace_back(std::in_place_index<0>, i);
-      Walk((*list)[i], at, out);
-      at.pop_back();
-    }
-  }
+  at.emplace_back();  // each child's id in turn
+  auto const* list = std::get_if<ix::kList>(&node);
+  for (std::size_t i = 0; list != nullptr && i < list->size(); ++i)
+    Walk((*list)[i], (at.back() = uvc::Id(std::in_place_index<0>, i), at), out);
+  if (auto const* map = std::get_if<ix::kMap>(&node))
+    for (auto const& [key, child] : *map) Walk(child, (at.back() = uvc::Id(key), at), out);
 }
 
 // The `pick`th of the types T, made from `bits`.
@@ -74,21 +68,16 @@ std::string ReadBytes(std::string const& path) {
 bool const quiet = (tern::logger::TernLogger::RootLogger().SetSink([](auto const&) {}), true);
 
 bool LoadFile(std::string const& path, Setting& root, std::string& error) {
-  try {
-    std::vector<settings_manager::impl::RawItem> items;
-    for (auto& row : test_support::SqliteFile(path).DataRows())
-      items.emplace_back(std::move(row.attrib), std::move(row.value), std::move(row.path));
-    root = Setting();
-    root.emplace<ix::kMap>();
-    if (items.empty()) return true;
-    uvc::Path head;
-    auto const result = settings_manager::Deserialize(items, head, root);
-    error = result.first < 0 ? result.second : "the first row is not the root map";
-    return result.first >= 0 && head.empty() && root.index() == ix::kMap;
-  } catch (std::exception const& e) {
-    error = e.what();
-    return false;
-  }
+  std::vector<settings_manager::impl::RawItem> items;
+  for (auto& row : test_support::SqliteFile(path).DataRows())
+    items.emplace_back(std::move(row.attrib), std::move(row.value), std::move(row.path));
+  root = Setting();
+  root.emplace<ix::kMap>();
+  if (items.empty()) return true;
+  uvc::Path head;
+  auto const result = settings_manager::Deserialize(items, head, root);
+  error = result.first < 0 ? result.second : "the first row is not the root map";
+  return result.first >= 0 && head.empty() && root.index() == ix::kMap;
 }
 
 ::testing::AssertionResult Restart(std::string const& path, Setting& root) {
@@ -133,7 +122,7 @@ std::string Values::Key() {
 Setting Values::Scalar() {
   static double const special[] = {0.0,       -0.0,         1.5,      HUGE_VAL,
                                    -HUGE_VAL, std::nan(""), 4.9e-324, DBL_MAX};
-  auto const bits = random_(), kind = Below(14);
+  auto const bits = random(), kind = Below(14);
   double real = special[Below(8)];
   if (Chance(60)) std::memcpy(&real, &bits, sizeof real);
   std::string text;
@@ -149,19 +138,18 @@ Setting Values::Scalar() {
 }
 
 Setting Values::Tree(std::size_t budget, int depth) {
-  Setting node;
-  if (budget <= 1 || depth >= 4 || Chance(35)) {
-    node = Scalar();
-  } else if (Chance(60)) {
-    auto& map = node.emplace<ix::kMap>();
-    auto const children = 1 + Below(std::min<std::size_t>(6, budget - 1));
-    for (std::size_t i = 0; i < children; ++i)
-      map.emplace(Key(), Tree(1 + Below((budget - 1) / children), depth + 1));
-  } else {
-    auto& list = node.emplace<ix::kList>();
-    auto const children = Below(std::min<std::size_t>(6, budget));
-    for (std::size_t i = 0; i < children; ++i)
-      list.push_back(Tree(1 + Below((budget - 1) / children), depth + 1));
+  bool const leaf = budget <= 1 || depth >= 4 || Chance(35), map = Chance(60);
+  Setting node = leaf  ? Scalar()
+                 : map ? Setting(test_support::Map())
+                       : Setting(test_support::List());
+  // A map has a child at least, a list may be empty.
+  auto const children = leaf ? 0 : map + Below(std::min<std::size_t>(6, budget - map));
+  for (std::size_t i = 0; i < children; ++i) {
+    auto child = Tree(1 + Below((budget - 1) / children), depth + 1);
+    if (map)
+      std::get<ix::kMap>(node).emplace(Key(), std::move(child));
+    else
+      std::get<ix::kList>(node).push_back(std::move(child));
   }
   node.attributes.readOnly = Chance(8);
   return node;
@@ -177,20 +165,17 @@ int Apply(Op const& op, Client& client) {
 
 Op Stream::Make(std::uint64_t index, Client& current) const {
   // Neighbouring indices give unrelated generators.
-  std::seed_seq mixed{seed_, seed_ >> 32, index, index >> 32};
+  std::seed_seq mixed{seed, seed >> 32, index, index >> 32};
   std::mt19937_64 random(mixed);
-  Values v(random);
+  Values v{random};
   Setting const root = TreeOf(current);
-  auto const& rootMap = std::get<ix::kMap>(root);
   Nodes nodes;
-  uvc::Path at;
-  Walk(root, at, nodes);
-  auto const& top = TopKeys();
+  Walk(root, {}, nodes);
   Op op;
   // A big tree shrinks: deletes of whole top-level settings win.
-  if (nodes.size() >= maxNodes_ && v.Chance(60)) {
+  if (nodes.size() >= maxNodes && v.Chance(60)) {
     op.kind = Op::kDelete;
-    op.path = {std::next(rootMap.begin(), static_cast<long>(v.Below(rootMap.size())))->first};
+    op.path = {nodes[v.Below(nodes.size())].first.front()};
     return op;
   }
   auto const roll = v.Below(100);
@@ -211,7 +196,7 @@ Op Stream::Make(std::uint64_t index, Client& current) const {
     if (auto const* list = std::get_if<ix::kList>(parent))
       op.path.emplace_back(std::in_place_index<0>, list->size() + v.Below(3));
     else
-      op.path.emplace_back(std::in_place_index<1>, path.empty() ? top[v.Below(5)] : v.Key());
+      op.path.emplace_back(std::in_place_index<1>, path.empty() ? TopKeys()[v.Below(5)] : v.Key());
     for (auto extra = v.Chance(25) ? 1 + v.Below(2) : 0; extra > 0; --extra)
       op.path.emplace_back(std::in_place_index<1>, v.Key());
     op.setting = v.Tree(1 + v.Below(v.Chance(10) ? 150 : 40));

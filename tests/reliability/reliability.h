@@ -34,9 +34,9 @@ using test_support::Text;
 #define SM_RELIABILITY_SANITIZED 1
 #endif
 #endif
+// The AddressSanitizer and ThreadSanitizer builds run shorter.
 #ifdef SM_RELIABILITY_SANITIZED
-constexpr bool kSanitizerBuild =
-    true;  // the AddressSanitizer and ThreadSanitizer builds run shorter
+constexpr bool kSanitizerBuild = true;
 #else
 constexpr bool kSanitizerBuild = false;
 #endif
@@ -89,18 +89,14 @@ Setting TreeOf(Client& client);
 int Seed(Client& client, Setting const& root);
 
 // Random settings: every alternative, keys from a small set so that paths meet.
-class Values {
- public:
-  explicit Values(std::mt19937_64& random) : random_(random) {}
-  std::uint64_t Below(std::uint64_t n) { return n == 0 ? 0 : random_() % n; }
+struct Values {
+  std::uint64_t Below(std::uint64_t n) { return n == 0 ? 0 : random() % n; }
   bool Chance(unsigned percent) { return Below(100) < percent; }
   std::string Key();
   Setting Scalar();  // any scalar alternative, None now and then
   // A subtree of at most `budget` nodes, some of them read-only.
   Setting Tree(std::size_t budget, int depth = 0);
-
- private:
-  std::mt19937_64& random_;
+  std::mt19937_64& random;
 };
 
 // One change of the stream.
@@ -116,15 +112,10 @@ int Apply(Op const& op, Client& client);
 // Creates, value changes, subtree replacements, attribute changes and deletes, mostly of
 // nodes that exist. Change `index` depends only on the seed, the index and the tree it is
 // made for, so a process that holds the same tree makes the same change.
-class Stream {
- public:
-  explicit Stream(std::uint64_t seed, std::size_t maxNodes = 400)
-      : seed_(seed), maxNodes_(maxNodes) {}
+struct Stream {
   Op Make(std::uint64_t index, Client& current) const;
-
- private:
-  std::uint64_t seed_;
-  std::size_t maxNodes_;
+  std::uint64_t seed;
+  std::size_t maxNodes = 400;
 };
 
 }  // namespace reliability

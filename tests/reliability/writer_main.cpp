@@ -26,7 +26,7 @@ int main(int argc, char** argv) {
   reliability::Client client;
   if (int rc = client.Open(argv[1]); rc != 0) return Say("open-failed " + std::to_string(rc)), 3;
   Say("ready");
-  reliability::Stream const stream(std::strtoull(argv[2], nullptr, 10));
+  reliability::Stream const stream{std::strtoull(argv[2], nullptr, 10)};
   for (auto i = first; i < first + std::strtoull(argv[4], nullptr, 10); ++i)
     Say("ack " + std::to_string(i) + " " +
         std::to_string(reliability::Apply(stream.Make(i, client), client)));

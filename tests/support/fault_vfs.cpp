@@ -57,22 +57,15 @@ struct Extra {
   bool dirSyncPending;
 };
 
-std::size_t ExtraOffset() {
-  return (static_cast<std::size_t>(active->base->szOsFile) + 15) & ~std::size_t{15};
-}
+// The default VFS's file is a struct, a multiple of 8 bytes long: Extra fits right behind it.
 Extra& ExtraOf(sqlite3_file* file) {
-  return *std::launder(reinterpret_cast<Extra*>(reinterpret_cast<char*>(file) + ExtraOffset()));
+  return *std::launder(
+      reinterpret_cast<Extra*>(reinterpret_cast<char*>(file) + active->base->szOsFile));
 }
 
 std::string Slurp(std::string const& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void Undo(std::string& content, Change const& c) {
-  content.resize(std::max(content.size(), static_cast<std::size_t>(c.sizeBefore)));
-  content.replace(static_cast<std::size_t>(c.offset), c.old.size(), c.old);
-  content.resize(static_cast<std::size_t>(c.sizeBefore));
 }
 
 void Redo(std::string& content, Change const& c, std::size_t bytes) {
@@ -85,7 +78,11 @@ void Redo(std::string& content, Change const& c, std::size_t bytes) {
 // The content a file had when it was last synced.
 std::string Synced(std::string const& path, std::vector<Change> const& changes) {
   std::string content = Slurp(path);
-  for (auto it = changes.rbegin(); it != changes.rend(); ++it) Undo(content, *it);
+  for (auto c = changes.rbegin(); c != changes.rend(); ++c) {
+    content.resize(std::max(content.size(), static_cast<std::size_t>(c->sizeBefore)));
+    content.replace(static_cast<std::size_t>(c->offset), c->old.size(), c->old);
+    content.resize(static_cast<std::size_t>(c->sizeBefore));
+  }
   return content;
 }
 
@@ -162,7 +159,7 @@ int Open(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int
   int const rc = active->base->xOpen(active->base, name, file, flags, outFlags);
   if (file->pMethods == nullptr) return rc;
   int const journals = SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_WAL | SQLITE_OPEN_SUPER_JOURNAL;
-  auto* x = new (reinterpret_cast<char*>(file) + ExtraOffset())
+  auto* x = new (reinterpret_cast<char*>(file) + active->base->szOsFile)
       Extra{*file->pMethods, file->pMethods, name,
             (flags & SQLITE_OPEN_CREATE) != 0 && (flags & journals) != 0};
   x->methods.xRead = &Read;
@@ -192,20 +189,16 @@ int Delete(sqlite3_vfs*, char const* name, int syncDir) {
 }  // namespace
 
 FaultVfs::FaultVfs() : impl_(std::make_unique<Impl>()) {
-  if (active != nullptr) throw std::logic_error("fault_vfs: only one FaultVfs at a time");
   auto& s = *impl_;
   s.base = sqlite3_vfs_find(nullptr);
   s.vfs = *s.base;  // the rest of the VFS is the default one's
   s.vfs.pNext = nullptr;
   active = &s;
-  s.vfs.szOsFile = static_cast<int>(ExtraOffset() + sizeof(Extra));
+  s.vfs.szOsFile = s.base->szOsFile + static_cast<int>(sizeof(Extra));
   s.vfs.zName = "sm-fault";
   s.vfs.xOpen = &Open;
   s.vfs.xDelete = &Delete;
-  if (sqlite3_vfs_register(&s.vfs, 1) != SQLITE_OK) {
-    active = nullptr;
-    throw std::runtime_error("fault_vfs: register failed");
-  }
+  if (sqlite3_vfs_register(&s.vfs, 1) != SQLITE_OK) throw std::runtime_error("fault_vfs");
 }
 
 FaultVfs::~FaultVfs() {
