@@ -14,10 +14,11 @@
 namespace reliability {
 namespace {
 
-// A change that returned must survive the death of its program. A writer process makes
-// the changes of a seeded stream and is killed with SIGKILL at random moments; a new
-// manager must then load exactly the changes the writer was told had returned, or those
-// plus the one in flight. The next writer goes on from there on the same file.
+// A change that returned must survive the death of its program. A writer
+// process makes the changes of a seeded stream and is killed with SIGKILL at
+// random moments; a new manager must then load exactly the changes the writer
+// was told had returned, or those plus the one in flight. The next writer goes
+// on from there on the same file.
 TEST(ProcessCrash, EveryAcknowledgedChangeSurvivesSigkillAndNothingHalfDoneAppears) {
   auto const seed = TestSeed("ProcessCrash");
   std::mt19937_64 random(seed);
@@ -26,16 +27,18 @@ TEST(ProcessCrash, EveryAcknowledgedChangeSurvivesSigkillAndNothingHalfDoneAppea
   std::size_t const kills = Scaled(50, 8);
   auto const timeUp = Within(Scaled(45000, 15000));
   Stream const stream{seed};
-  Client oracle;  // the tree in memory only, kept at the file's state before each writer
+  Client oracle;  // the tree in memory only, kept at the file's state before
+                  // each writer
   ASSERT_EQ(oracle.Open(""), 0);
   std::size_t first = 0, done = 0, landed = 0;
   for (; done < kills && !timeUp(); ++done) {
     test_support::ChildProcess writer(
         {SM_RELIABILITY_WRITER, db, std::to_string(seed), std::to_string(first), "400"});
     ASSERT_EQ(writer.Line(), "ready");
-    // The kill falls after a random number of acknowledgements, at a random moment of the
-    // change in progress: the wait only places the kill, it orders nothing. Each answer
-    // is replayed on the oracle: the same change must give the same answer.
+    // The kill falls after a random number of acknowledgements, at a random
+    // moment of the change in progress: the wait only places the kill, it
+    // orders nothing. Each answer is replayed on the oracle: the same change
+    // must give the same answer.
     bool finished = false;
     auto const record = [&](std::string const& line) {
       finished = finished || line == "done";
@@ -47,15 +50,12 @@ TEST(ProcessCrash, EveryAcknowledgedChangeSurvivesSigkillAndNothingHalfDoneAppea
     for (auto wanted = first + random() % 13; first < wanted && !finished;)
       ASSERT_NO_FATAL_FAILURE(record(writer.Line()));
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 4000));
-    writer.Kill();
+    int const status = writer.Kill();  // what it said before it died can still be read
     for (auto line = writer.Line(); line != "(end of output)"; line = writer.Line())
       ASSERT_NO_FATAL_FAILURE(record(line));
-    int const status = writer.Wait();
     ASSERT_TRUE(finished || (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)) << status;
-    Setting const before = TreeOf(oracle);
-    Setting found;
+    Setting const before = TreeOf(oracle), found = Restarted(db);
     Apply(stream.Make(first, oracle), oracle);
-    ASSERT_TRUE(Restart(db, found)) << "after kill " << done;
     if (found == before) {
       ASSERT_EQ(oracle.Open(""), 0);
       ASSERT_EQ(Seed(oracle, before), 0);
@@ -66,16 +66,16 @@ TEST(ProcessCrash, EveryAcknowledgedChangeSurvivesSigkillAndNothingHalfDoneAppea
     }
   }
   EXPECT_GE(done, std::min<std::size_t>(kills, 8));
-  Report("crash", std::to_string(done) + " SIGKILLs survived, " + std::to_string(first) +
-                      " changes, the one in flight landed " + std::to_string(landed) + " times");
+  Report("crash", done, " SIGKILLs survived, ", first, " changes, ", landed, " in flight landed");
 }
 
-// A change that returned must survive a power cut. The same seeded stream of changes runs
-// again and again on a new file through the fault VFS, which cuts the power at a
-// different change of a file each time: that write, truncate, sync or delete and all
-// later ones never happen, and what was written but not synced before it is dropped,
-// partly kept, or torn at a sector boundary. A restart must then load exactly the changes
-// that returned, or those plus the one in flight.
+// A change that returned must survive a power cut. The same seeded stream of
+// changes runs again and again on a new file through the fault VFS, which cuts
+// the power at a different change of a file each time: that write, truncate,
+// sync or delete and all later ones never happen, and what was written but not
+// synced before it is dropped, partly kept, or torn at a sector boundary. A
+// restart must then load exactly the changes that returned, or those plus the
+// one in flight.
 using test_support::FaultVfs;
 
 class PowerCut : public ::testing::TestWithParam<bool> {};  // rollback journal, or WAL
@@ -85,7 +85,8 @@ TEST_P(PowerCut, EveryAcknowledgedChangeSurvivesACutAtAnyWriteOrSync) {
   std::mt19937_64 random(seed);
   FaultVfs vfs;
   bool const rollback = GetParam();
-  // The script: each change, its answer, and trees[i], the tree after the first i changes.
+  // The script: each change, its answer, and trees[i], the tree after the first
+  // i changes.
   std::vector<Op> ops;
   std::vector<int> results;
   Client oracle;
@@ -96,9 +97,10 @@ TEST_P(PowerCut, EveryAcknowledgedChangeSurvivesACutAtAnyWriteOrSync) {
     results.push_back(Apply(ops.back(), oracle));
     trees.push_back(TreeOf(oracle));
   }
-  // Runs the script on a new file, reopening the manager every 12 changes (a close
-  // checkpoints the log), until a change fails; then restarts on the file, which must
-  // hold the changes that returned, or those and the one in flight.
+  // Runs the script on a new file, reopening the manager every 12 changes (a
+  // close checkpoints the log), until a change fails; then restarts on the
+  // file, which must hold the changes that returned, or those and the one in
+  // flight.
   std::size_t cuts = 0, landed = 0;
   std::uint64_t moments = 0;  // a run without a cut counts the moments a cut can fall on
   auto const run = [&](std::uint64_t cut, FaultVfs::Loss loss) {
@@ -107,37 +109,31 @@ TEST_P(PowerCut, EveryAcknowledgedChangeSurvivesACutAtAnyWriteOrSync) {
     if (rollback)
       test_support::SqliteFile(db).Exec("PRAGMA journal_mode=DELETE; PRAGMA user_version=1");
     vfs.SyncAll();
-    vfs.ResetCalls();
+    auto const start = vfs.Changes();
     if (cut > 0) vfs.CutAfter(cut - 1);
     std::size_t done = 0;
-    {
-      Client client;
-      while (done < ops.size() && (done % 12 != 0 || client.Open(db) == 0) &&
-             Apply(ops[done], client) == results[done])
-        ++done;
-    }
-    ASSERT_EQ(vfs.PowerIsOff(), cut > 0) << "cut at " << cut;
-    if (cut == 0) moments = vfs.Changes();
-    vfs.ApplyPowerLoss(loss, random);
-    Setting found;
-    ASSERT_TRUE(Restart(db, found)) << "cut at change " << cut << " of the files";
+    Client client;
+    while (done < ops.size() && (done % 12 != 0 || client.Open(db) == 0) &&
+           Apply(ops[done], client) == results[done])
+      ++done;
+    client.Close();
+    if (cut == 0) moments = vfs.Changes() - start;
+    ASSERT_EQ(vfs.ApplyPowerLoss(loss, random), cut > 0) << "cut at " << cut;
+    SCOPED_TRACE(::testing::Message() << "cut at change " << cut << " of the files, loss "
+                                      << static_cast<int>(loss) << ", " << done << " returned");
+    Setting const found = Restarted(db);
     if (found == trees[done]) return;
     ASSERT_LT(done, ops.size()) << "the file holds more than every change";
-    ASSERT_EQ(found, trees[done + 1]) << "cut at change " << cut << " of the files (loss "
-                                      << static_cast<int>(loss) << "), " << done << " returned";
+    ASSERT_EQ(found, trees[done + 1]);
     ++landed;
   };
   ASSERT_NO_FATAL_FAILURE(run(0, FaultVfs::Loss::kKeepAll));
   // Every moment when they are few, else an even spread with a random start.
-  std::size_t const budget = Scaled(rollback ? 60 : 400, 24);
-  double const step = std::max(1.0, static_cast<double>(moments) / static_cast<double>(budget));
-  for (double at = 1 + static_cast<double>(random() % 1000) / 1000.0 * (step - 1);
-       at <= static_cast<double>(moments); at += step, ++cuts)  // drop, reorder, tear, keep
+  auto const step = std::max<std::uint64_t>(1, moments / Scaled(rollback ? 60 : 400, 24));
+  for (auto cut = 1 + random() % step; cut <= moments; cut += step, ++cuts)
     ASSERT_NO_FATAL_FAILURE(
-        run(static_cast<std::uint64_t>(at), static_cast<FaultVfs::Loss>(cuts % 4)));
-  Report("power-cut", std::to_string(cuts) + " power cuts (" + (rollback ? "rollback" : "WAL") +
-                          ", of " + std::to_string(moments) + " writes/syncs), the change in " +
-                          "flight landed " + std::to_string(landed) + " times");
+        run(cut, static_cast<FaultVfs::Loss>(cuts % 4)));  // drop, reorder, tear, keep
+  Report("power-cut", cuts, " cuts of ", moments, " moments, ", landed, " in flight landed");
 }
 
 INSTANTIATE_TEST_SUITE_P(Journals, PowerCut, ::testing::Values(false, true),

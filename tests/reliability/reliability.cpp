@@ -9,7 +9,6 @@
 #include <type_traits>
 #include <utility>
 
-#include "raw_conversion.h"
 #include "support/sqlite_file.h"
 
 namespace reliability {
@@ -44,17 +43,15 @@ Setting OneOf(std::uint64_t pick, std::uint64_t bits) {
 
 std::size_t Scaled(std::size_t base, std::size_t least) {
   char const* text = std::getenv("SM_RELIABILITY_SCALE");
-  double scale = text != nullptr ? std::atof(text) : 0;
-  if (scale <= 0) scale = kSanitizerBuild ? 0.25 : 1.0;
+  double const scale = text != nullptr ? std::atof(text) : kSanitizerBuild ? 0.25 : 1.0;
   return std::max(least, static_cast<std::size_t>(static_cast<double>(base) * scale));
 }
 
 std::uint64_t TestSeed(char const* suite) {
   char const* text = std::getenv("SM_RELIABILITY_SEED");
   std::uint64_t const seed = text ? std::strtoull(text, nullptr, 10) : std::random_device()();
-  std::cout << "[ seed     ] " << suite << ": SM_RELIABILITY_SEED=" << seed << " replays this run"
+  std::cout << "[ seed     ] " << suite << ": SM_RELIABILITY_SEED=" << seed << " replays it"
             << std::endl;
-  ::testing::Test::RecordProperty("seed", std::to_string(seed));
   return seed;
 }
 
@@ -63,39 +60,14 @@ std::string ReadBytes(std::string const& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// Type changes are logged as errors, a refused file as fatal; the suites and the writer look
-// at results, not at the log.
+// Type changes are logged as errors, a refused file as fatal; the suites and
+// the writer look at results, not at the log.
 bool const quiet = (tern::logger::TernLogger::RootLogger().SetSink([](auto const&) {}), true);
 
-bool LoadFile(std::string const& path, Setting& root, std::string& error) {
-  std::vector<settings_manager::impl::RawItem> items;
-  for (auto& row : test_support::SqliteFile(path).DataRows())
-    items.emplace_back(std::move(row.attrib), std::move(row.value), std::move(row.path));
-  root = Setting();
-  root.emplace<ix::kMap>();
-  if (items.empty()) return true;
-  uvc::Path head;
-  auto const result = settings_manager::Deserialize(items, head, root);
-  error = result.first < 0 ? result.second : "the first row is not the root map";
-  return result.first >= 0 && head.empty() && root.index() == ix::kMap;
-}
-
-::testing::AssertionResult Restart(std::string const& path, Setting& root) {
-  // The manager first: on a file that never got its schema it makes one.
+Setting Restarted(std::string const& path) {
   Client client;
-  std::string error;
-  if (int rc = client.Open(path); rc != 0)
-    return ::testing::AssertionFailure() << "a new manager refused " << path << ": " << rc;
-  if (!LoadFile(path, root, error))
-    return ::testing::AssertionFailure() << "the rows of " << path << " make no tree: " << error;
-  if (TreeOf(client) != root)
-    return ::testing::AssertionFailure() << "the manager shows other than the rows hold";
-  return ::testing::AssertionSuccess();
-}
-
-std::vector<std::string> const& TopKeys() {
-  static std::vector<std::string> const keys = {"sys", "net", "app", "user", "Net"};
-  return keys;
+  EXPECT_EQ(client.Open(path), 0) << "a new manager refused " << path;
+  return client.manager ? TreeOf(client) : Setting();
 }
 
 Setting TreeOf(Client& client) {
@@ -111,8 +83,8 @@ int Seed(Client& client, Setting const& root) {
 }
 
 std::string Values::Key() {
-  // Keys that differ only in case or by a suffix, and non-ASCII bytes: the store must
-  // never mix them up.
+  // Keys that differ only in case or by a suffix, and non-ASCII bytes: the
+  // store must never mix them up.
   static char const* const keys[] = {
       "a",     "b",   "c",    "d",   "e",  "ab", "A", "a.b", "\xC3\xA9t\xC3\xA9",
       "k\xFF", "mtu", "port", "dns", "x-y"};
@@ -146,10 +118,8 @@ Setting Values::Tree(std::size_t budget, int depth) {
   auto const children = leaf ? 0 : map + Below(std::min<std::size_t>(6, budget - map));
   for (std::size_t i = 0; i < children; ++i) {
     auto child = Tree(1 + Below((budget - 1) / children), depth + 1);
-    if (map)
-      std::get<ix::kMap>(node).emplace(Key(), std::move(child));
-    else
-      std::get<ix::kList>(node).push_back(std::move(child));
+    map ? void(std::get<ix::kMap>(node).emplace(Key(), std::move(child)))
+        : std::get<ix::kList>(node).push_back(std::move(child));
   }
   node.attributes.readOnly = Chance(8);
   return node;
@@ -173,20 +143,17 @@ Op Stream::Make(std::uint64_t index, Client& current) const {
   Walk(root, {}, nodes);
   Op op;
   // A big tree shrinks: deletes of whole top-level settings win.
-  if (nodes.size() >= maxNodes && v.Chance(60)) {
-    op.kind = Op::kDelete;
-    op.path = {nodes[v.Below(nodes.size())].first.front()};
-    return op;
-  }
-  auto const roll = v.Below(100);
+  bool const shrink = nodes.size() >= maxNodes && v.Chance(60);
+  auto const roll = shrink ? 99 : v.Below(100);
   op.kind = nodes.empty() || roll < 26 ? Op::kCreate
             : roll < 46                ? Op::kSetValue
             : roll < 68                ? Op::kSetSetting
             : roll < 84                ? Op::kSetAttribute
                                        : Op::kDelete;
   if (op.kind == Op::kCreate) {
-    // A new child of the root, of a map or of a list (at or past its end: the gap gets
-    // None placeholders), now and then with missing map levels in between.
+    // A new child of the root, of a map or of a list (at or past its end: the
+    // gap gets None placeholders), now and then with missing map levels in
+    // between.
     Nodes parents = {{uvc::Path(), &root}};
     for (auto const& entry : nodes)
       if (entry.second->index() == ix::kMap || entry.second->index() == ix::kList)
@@ -196,7 +163,7 @@ Op Stream::Make(std::uint64_t index, Client& current) const {
     if (auto const* list = std::get_if<ix::kList>(parent))
       op.path.emplace_back(std::in_place_index<0>, list->size() + v.Below(3));
     else
-      op.path.emplace_back(std::in_place_index<1>, path.empty() ? TopKeys()[v.Below(5)] : v.Key());
+      op.path.emplace_back(std::in_place_index<1>, path.empty() ? kTopKeys[v.Below(5)] : v.Key());
     for (auto extra = v.Chance(25) ? 1 + v.Below(2) : 0; extra > 0; --extra)
       op.path.emplace_back(std::in_place_index<1>, v.Key());
     op.setting = v.Tree(1 + v.Below(v.Chance(10) ? 150 : 40));
@@ -212,6 +179,7 @@ Op Stream::Make(std::uint64_t index, Client& current) const {
   } else if (op.kind == Op::kSetAttribute) {
     op.attributes.readOnly = v.Chance(85) != node->attributes.readOnly;
   } else {
+    if (shrink) op.path.resize(1);
     while (op.path.back().index() == 0) op.path.pop_back();  // the named node holding it
   }
   return op;

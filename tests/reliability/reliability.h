@@ -1,9 +1,9 @@
 #pragma once
 
-// What the reliability suites share: a client of a manager, random settings, a stream of
-// changes that a writer process and the tests each rebuild from a seed, their budget and
-// seeds, a quiet log, and the tree a restart would load from a file. The writer program
-// links it too.
+// What the reliability suites share: a client of a manager, random settings, a
+// stream of changes that a writer process and the tests each rebuild from a
+// seed, their budget and seeds, a quiet log, and the tree a restart would load
+// from a file. The writer program links it too.
 
 #include <gtest/gtest.h>
 
@@ -41,11 +41,11 @@ constexpr bool kSanitizerBuild = true;
 constexpr bool kSanitizerBuild = false;
 #endif
 
-// `base` times SM_RELIABILITY_SCALE (when set; else 1, or 0.25 in a sanitizer build), at
-// least `least`.
+// `base` times SM_RELIABILITY_SCALE (when set; else 1, or 0.25 in a sanitizer
+// build), at least `least`.
 std::size_t Scaled(std::size_t base, std::size_t least = 1);
-// The seed of a suite: SM_RELIABILITY_SEED when set, else a fresh one; printed, so that a
-// failure can be replayed.
+// The seed of a suite: SM_RELIABILITY_SEED when set, else a fresh one; printed,
+// so that a failure can be replayed.
 std::uint64_t TestSeed(char const* suite);
 // One line of figures for the README: "RELIABILITY <suite>: <parts>".
 template <typename... Parts>
@@ -63,7 +63,8 @@ inline auto Within(std::size_t ms) {
 
 // A manager and its six role interfaces.
 struct Client : test_support::Roles {
-  // Makes a manager on `path` (empty: in memory only); 0, or the factory's code.
+  // Makes a manager on `path` (empty: in memory only); 0, or the factory's
+  // code.
   int Open(std::string const& path) {
     Close();
     int const rc = settings_manager::CreateSettingsManager({path}, manager);
@@ -73,19 +74,15 @@ struct Client : test_support::Roles {
   std::shared_ptr<settings_manager::ISettingsManager> manager;
 };
 
-// The tree a restart loads from the file at `path`: every row of `data`, rebuilt as the
-// manager does at start-up (an empty map when there is no row). False, with the reason
-// in `error`, when the rows do not make a tree.
-bool LoadFile(std::string const& path, Setting& root, std::string& error);
-// Both views of a restart: a new manager must start on the file, and show under the
-// top-level keys the whole tree of the rows, which lands in `root`.
-::testing::AssertionResult Restart(std::string const& path, Setting& root);
+// The tree a new manager on the file at `path` loads: a restart.
+Setting Restarted(std::string const& path);
 
 // The top-level keys every generated path starts with.
-std::vector<std::string> const& TopKeys();
+inline std::vector<std::string> const kTopKeys = {"sys", "net", "app", "user", "Net"};
 // The whole tree of a client's manager.
 Setting TreeOf(Client& client);
-// Gives an empty manager the tree `root` (a root map), one top-level setting at a time.
+// Gives an empty manager the tree `root` (a root map), one top-level setting at
+// a time.
 int Seed(Client& client, Setting const& root);
 
 // Random settings: every alternative, keys from a small set so that paths meet.
@@ -109,9 +106,10 @@ struct Op {
 };
 int Apply(Op const& op, Client& client);
 
-// Creates, value changes, subtree replacements, attribute changes and deletes, mostly of
-// nodes that exist. Change `index` depends only on the seed, the index and the tree it is
-// made for, so a process that holds the same tree makes the same change.
+// Creates, value changes, subtree replacements, attribute changes and deletes,
+// mostly of nodes that exist. Change `index` depends only on the seed, the
+// index and the tree it is made for, so a process that holds the same tree
+// makes the same change.
 struct Stream {
   Op Make(std::uint64_t index, Client& current) const;
   std::uint64_t seed;

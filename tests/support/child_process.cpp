@@ -31,7 +31,6 @@ ChildProcess::ChildProcess(std::vector<std::string> const& argv) {
 
 ChildProcess::~ChildProcess() {
   Kill();
-  Wait();
   ::close(socket_);
 }
 
@@ -61,13 +60,9 @@ std::string ChildProcess::Line(std::chrono::milliseconds timeout) {
   return line;
 }
 
-void ChildProcess::Kill() {
-  if (pid_ > 0) ::kill(pid_, SIGKILL);
-}
-
-int ChildProcess::Wait() {
+int ChildProcess::Kill() {
   int status = 0;
-  if (pid_ > 0) ::waitpid(pid_, &status, 0);
+  if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, &status, 0);
   pid_ = -1;
   return status;
 }

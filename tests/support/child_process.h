@@ -22,9 +22,8 @@ class ChildProcess {
   // The next line of its output, waiting at most `timeout`; "(timeout)" or
   // "(end of output)" when there is none.
   std::string Line(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-  void Kill();
-  // The wait status.
-  int Wait();
+  // Kills and reaps it: its wait status.
+  int Kill();
 
  private:
   pid_t pid_ = -1;

@@ -17,8 +17,8 @@
 namespace test_support {
 namespace {
 
-// One change of a file not yet synced: what it wrote and what it overwrote, so that a
-// power cut can take it back or replay part of it.
+// One change of a file not yet synced: what it wrote and what it overwrote, so
+// that a power cut can take it back or replay part of it.
 struct Change {
   sqlite3_int64 offset = 0;  // a write's offset, or a truncate's new size
   std::string data;          // the bytes written
@@ -33,13 +33,13 @@ struct FaultVfs::Impl {
   sqlite3_vfs vfs{};
   sqlite3_vfs* base = nullptr;
   std::mutex lock;
-  Counts calls{};  // the rest guarded by lock too
-  std::uint64_t changes = 0, seen = 0, injected = 0;
+  std::uint64_t changes = 0, seen = 0, injected = 0;  // these and the rest guarded by lock
   std::optional<Fault> fault;
   std::optional<std::uint64_t> cutAt;
   bool powerOff = false;
   std::map<std::string, std::vector<Change>> unsynced;  // by file name
-  // Files unlinked with no directory sync since: the content a restart brings back.
+  // Files unlinked with no directory sync since: the content a restart brings
+  // back.
   std::map<std::string, std::string> unlinked;
 };
 
@@ -48,8 +48,9 @@ namespace {
 FaultVfs::Impl* active = nullptr;
 constexpr std::size_t kSector = 512;
 
-// What the VFS keeps with each open file, behind the default VFS's own file. The file
-// keeps the default VFS's methods, but for the four that change or read it.
+// What the VFS keeps with each open file, behind the default VFS's own file.
+// The file keeps the default VFS's methods, but for the four that change or
+// read it.
 struct Extra {
   sqlite3_io_methods methods;
   sqlite3_io_methods const* real;
@@ -57,15 +58,11 @@ struct Extra {
   bool dirSyncPending;
 };
 
-// The default VFS's file is a struct, a multiple of 8 bytes long: Extra fits right behind it.
+// The default VFS's file is a struct, a multiple of 8 bytes long: Extra fits
+// right behind it.
 Extra& ExtraOf(sqlite3_file* file) {
   return *std::launder(
       reinterpret_cast<Extra*>(reinterpret_cast<char*>(file) + active->base->szOsFile));
-}
-
-std::string Slurp(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void Redo(std::string& content, Change const& c, std::size_t bytes) {
@@ -77,7 +74,8 @@ void Redo(std::string& content, Change const& c, std::size_t bytes) {
 
 // The content a file had when it was last synced.
 std::string Synced(std::string const& path, std::vector<Change> const& changes) {
-  std::string content = Slurp(path);
+  std::ifstream in(path, std::ios::binary);
+  std::string content(std::istreambuf_iterator<char>(in), {});
   for (auto c = changes.rbegin(); c != changes.rend(); ++c) {
     content.resize(std::max(content.size(), static_cast<std::size_t>(c->sizeBefore)));
     content.replace(static_cast<std::size_t>(c->offset), c->old.size(), c->old);
@@ -94,11 +92,11 @@ void DirectorySynced(std::string const& path) {
                                                                   : std::next(it);
 }
 
-// Counts a call and decides its fate: SQLITE_OK to go ahead, or the code to fail with.
+// Counts a call and decides its fate: SQLITE_OK to go ahead, or the code to
+// fail with.
 int Enter(FaultVfs::Call call, int ownError) {
   auto& s = *active;
   std::lock_guard<std::mutex> guard(s.lock);
-  ++s.calls[call];
   if (call != FaultVfs::kRead) {
     if (s.powerOff) return ownError;
     if (++s.changes > s.cutAt.value_or(UINT64_MAX)) return s.powerOff = true, ownError;
@@ -109,17 +107,20 @@ int Enter(FaultVfs::Call call, int ownError) {
   return s.fault->code != 0 ? s.fault->code : ownError;
 }
 
-// Runs a write or truncate, remembering the bytes up to `end` that it replaces.
-int Modify(sqlite3_file* file, FaultVfs::Call call, int ownError, Change c, sqlite3_int64 end) {
+// Runs a write or truncate at `offset`, remembering the bytes up to `end` it
+// replaces.
+int Modify(sqlite3_file* file, FaultVfs::Call call, int ownError, sqlite3_int64 offset,
+           std::string data, sqlite3_int64 end) {
   if (int rc = Enter(call, ownError); rc != SQLITE_OK) return rc;
   auto& x = ExtraOf(file);
+  Change c{offset, std::move(data), call == FaultVfs::kTruncate, {}, 0};
   x.real->xFileSize(file, &c.sizeBefore);
   c.old.resize(static_cast<std::size_t>(
-      std::max<sqlite3_int64>(0, std::min(end, c.sizeBefore) - std::min(c.offset, c.sizeBefore))));
-  if (!c.old.empty()) x.real->xRead(file, c.old.data(), static_cast<int>(c.old.size()), c.offset);
-  int const rc =
-      c.truncate ? x.real->xTruncate(file, c.offset)
-                 : x.real->xWrite(file, c.data.data(), static_cast<int>(c.data.size()), c.offset);
+      std::max<sqlite3_int64>(0, std::min(end, c.sizeBefore) - std::min(offset, c.sizeBefore))));
+  if (!c.old.empty()) x.real->xRead(file, c.old.data(), static_cast<int>(c.old.size()), offset);
+  int const rc = c.truncate
+                     ? x.real->xTruncate(file, offset)
+                     : x.real->xWrite(file, c.data.data(), static_cast<int>(c.data.size()), offset);
   std::lock_guard<std::mutex> guard(active->lock);
   if (rc == SQLITE_OK && x.name != nullptr) active->unsynced[x.name].push_back(std::move(c));
   return rc;
@@ -131,17 +132,13 @@ int Read(sqlite3_file* file, void* out, int amount, sqlite3_int64 offset) {
 }
 
 int Write(sqlite3_file* file, void const* data, int amount, sqlite3_int64 offset) {
-  Change c{offset,
-           std::string(static_cast<char const*>(data), static_cast<std::size_t>(amount)),
-           false,
-           {},
-           0};
-  return Modify(file, FaultVfs::kWrite, SQLITE_IOERR_WRITE, std::move(c), offset + amount);
+  return Modify(file, FaultVfs::kWrite, SQLITE_IOERR_WRITE, offset,
+                std::string(static_cast<char const*>(data), static_cast<std::size_t>(amount)),
+                offset + amount);
 }
 
 int Truncate(sqlite3_file* file, sqlite3_int64 size) {
-  return Modify(file, FaultVfs::kTruncate, SQLITE_IOERR_TRUNCATE, {size, {}, true, {}, 0},
-                INT64_MAX);
+  return Modify(file, FaultVfs::kTruncate, SQLITE_IOERR_TRUNCATE, size, {}, INT64_MAX);
 }
 
 int Sync(sqlite3_file* file, int) {
@@ -149,7 +146,8 @@ int Sync(sqlite3_file* file, int) {
   auto& x = ExtraOf(file);
   std::lock_guard<std::mutex> guard(active->lock);
   if (x.name != nullptr) active->unsynced.erase(x.name);
-  // The default VFS syncs the directory with the first sync of a journal it created.
+  // The default VFS syncs the directory with the first sync of a journal it
+  // created.
   if (x.dirSyncPending && x.name != nullptr) DirectorySynced(x.name);
   x.dirSyncPending = false;
   return SQLITE_OK;
@@ -177,8 +175,8 @@ int Delete(sqlite3_vfs*, char const* name, int syncDir) {
     if (syncDir != 0) {
       DirectorySynced(name);
     } else if (active->unlinked.count(name) == 0 && std::filesystem::exists(name)) {
-      // Without a directory sync the unlink may not survive a power cut: a restart would
-      // find the content that was synced.
+      // Without a directory sync the unlink may not survive a power cut: a
+      // restart would find the content that was synced.
       active->unlinked[name] = Synced(name, active->unsynced[name]);
     }
     active->unsynced.erase(name);
@@ -212,14 +210,8 @@ auto Locked(FaultVfs::Impl& s, Action action) {
   return action(s);
 }
 
-FaultVfs::Counts FaultVfs::Calls() const {
-  return Locked(*impl_, [](Impl& s) { return s.calls; });
-}
 std::uint64_t FaultVfs::Changes() const {
   return Locked(*impl_, [](Impl& s) { return s.changes; });
-}
-void FaultVfs::ResetCalls() {
-  Locked(*impl_, [](Impl& s) { s.calls = {}, s.changes = 0; });
 }
 void FaultVfs::Arm(std::optional<Fault> const& fault) {
   Locked(*impl_, [&](Impl& s) { s.fault = fault, s.seen = s.injected = 0; });
@@ -230,21 +222,19 @@ std::uint64_t FaultVfs::Injected() const {
 void FaultVfs::CutAfter(std::uint64_t changes) {
   Locked(*impl_, [&](Impl& s) { s.cutAt = s.changes + changes; });
 }
-bool FaultVfs::PowerIsOff() const {
-  return Locked(*impl_, [](Impl& s) { return s.powerOff; });
-}
 void FaultVfs::SyncAll() {
   Locked(*impl_, [](Impl& s) { s.unsynced.clear(), s.unlinked.clear(); });
 }
 
-void FaultVfs::ApplyPowerLoss(Loss loss, std::mt19937_64& random) {
+bool FaultVfs::ApplyPowerLoss(Loss loss, std::mt19937_64& random) {
   auto& s = *impl_;
   std::lock_guard<std::mutex> guard(s.lock);
+  bool const wasOff = s.powerOff;
   for (auto const& [name, changes] : s.unsynced) {
     if (changes.empty() || !std::filesystem::exists(name)) continue;
     std::string content = Synced(name, changes);
-    // The changes that reached the disk in order before the power went; with kTornPrefix
-    // a part of the next one too.
+    // The changes that reached the disk in order before the power went; with
+    // kTornPrefix a part of the next one too.
     std::size_t const reached = loss == Loss::kKeepAll      ? changes.size()
                                 : loss == Loss::kTornPrefix ? random() % (changes.size() + 1)
                                                             : 0;
@@ -263,6 +253,7 @@ void FaultVfs::ApplyPowerLoss(Loss loss, std::mt19937_64& random) {
   s.unlinked.clear();
   s.cutAt.reset();
   s.powerOff = false;
+  return wasOff;
 }
 
 }  // namespace test_support

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -11,8 +10,8 @@ namespace test_support {
 // An SQLite VFS of the tests' own, layered over the default one. While a FaultVfs lives it
 // is the default VFS, so every connection opened by path goes through it, the library's
 // own included. It
-// - counts the reads, writes, syncs, truncates and deletes;
-// - makes the Nth call of a kind fail, once or from then on, with its I/O error or a code;
+// - makes the Nth read, write, sync, truncate or delete fail, once or from then on, with
+//   the kind's I/O error or a code;
 // - plays a power cut: from a chosen change of a file on, every change fails as if the
 //   machine had stopped; ApplyPowerLoss then rewrites the files to what a restart finds:
 //   the content synced last, plus none, some, or a torn part of the writes made since.
@@ -21,8 +20,7 @@ namespace test_support {
 // the disk. Only one may exist at a time; every connection must be closed before it ends.
 class FaultVfs {
  public:
-  enum Call : std::uint8_t { kRead, kWrite, kSync, kTruncate, kDelete, kCallKinds };
-  using Counts = std::array<std::uint64_t, kCallKinds>;
+  enum Call : std::uint8_t { kRead, kWrite, kSync, kTruncate, kDelete };
 
   struct Fault {
     Call call = kWrite;
@@ -44,11 +42,8 @@ class FaultVfs {
   FaultVfs(FaultVfs const&) = delete;
   FaultVfs& operator=(FaultVfs const&) = delete;
 
-  // Calls of each kind since construction or the last ResetCalls.
-  Counts Calls() const;
   // Writes, truncates, syncs and deletes so far: the moments a power cut can fall on.
   std::uint64_t Changes() const;
-  void ResetCalls();
 
   // Fails calls as `fault` says, counting from now; replaces an earlier fault (nullopt:
   // none from now on).
@@ -59,10 +54,10 @@ class FaultVfs {
   // The next `changes` changes of files succeed; the one after that, and every later one,
   // fails: the power is off.
   void CutAfter(std::uint64_t changes);
-  bool PowerIsOff() const;
   // Rewrites every file seen into what a restart after the cut would find, forgets what
-  // was tracked and turns the power back on. Every connection must be closed.
-  void ApplyPowerLoss(Loss loss, std::mt19937_64& random);
+  // was tracked and turns the power back on: whether it was off. Every connection must
+  // be closed.
+  bool ApplyPowerLoss(Loss loss, std::mt19937_64& random);
   // Syncs everything tracked so far, as a clean shutdown would.
   void SyncAll();
 
