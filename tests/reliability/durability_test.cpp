@@ -25,13 +25,12 @@ TEST(ProcessCrash, EveryAcknowledgedChangeSurvivesSigkillAndNothingHalfDoneAppea
   test_support::TempDir dir;
   std::string const db = dir.File("settings.db");
   std::size_t const kills = Scaled(50, 8);
-  auto const timeUp = Within(Scaled(45000, 15000));
   Stream const stream{seed};
   Client oracle;  // the tree in memory only, kept at the file's state before
                   // each writer
   ASSERT_EQ(oracle.Open(""), 0);
   std::size_t first = 0, done = 0, landed = 0;
-  for (; done < kills && !timeUp(); ++done) {
+  for (; done < kills; ++done) {
     test_support::ChildProcess writer(
         {SM_RELIABILITY_WRITER, db, std::to_string(seed), std::to_string(first), "400"});
     ASSERT_EQ(writer.Line(), "ready");
@@ -65,7 +64,6 @@ TEST(ProcessCrash, EveryAcknowledgedChangeSurvivesSigkillAndNothingHalfDoneAppea
       ++first, ++landed;
     }
   }
-  EXPECT_GE(done, std::min<std::size_t>(kills, 8));
   Report("crash", done, " SIGKILLs survived, ", first, " changes, ", landed, " in flight landed");
 }
 

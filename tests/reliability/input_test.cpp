@@ -37,9 +37,8 @@ constexpr int kOutOfRange = Code(0x8000005Eu), kInvalidResult = Code(0x80000071u
   auto const last = settings_manager::LastResult();
   if (rc == code && last.first == code && last.second.find(reason) != std::string::npos)
     return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure()
-         << fdn::ResultCodeText(rc) << ", last result " << fdn::ResultCodeText(last.first) << " '"
-         << last.second << "'";
+  return ::testing::AssertionFailure() << fdn::ResultCodeText(rc) << ", last result "
+                                       << fdn::ResultCodeText(last.first) << ": " << last.second;
 }
 
 TEST(Hostile, CallsTooDeepOrMetByAFullDiskAreRefusedWithTheirReason) {

@@ -10,7 +10,7 @@
 #include "support/settings.h"
 #include "support/temp_dir.h"
 
-#ifdef SM_RELIABILITY_SANITIZED
+#if SM_RELIABILITY_SANITIZED
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #define SM_ALLOCATED_BYTES() __sanitizer_get_current_allocated_bytes()
 #else
@@ -30,13 +30,12 @@ TEST(Property, AfterEveryCallTheTreeInMemoryIsTheTreeAFreshManagerLoads) {
   test_support::TempDir dir;
   auto const db = dir.File("settings.db");
   std::size_t const steps = Scaled(2000, 150);
-  auto const timeUp = Within(Scaled(30000, 15000));
   Client file, memory;
   ASSERT_EQ(file.Open(db), 0);
   ASSERT_EQ(memory.Open(""), 0);
   Stream const stream{seed, 300};
   std::size_t step = 0, failures = 0;
-  for (; step < steps && !timeUp(); ++step) {
+  for (; step < steps; ++step) {
     Op op = stream.Make(step, file);
     SCOPED_TRACE("step " + std::to_string(step) + " " + Text(op.path));
     int const rc = Apply(op, file);
@@ -46,7 +45,6 @@ TEST(Property, AfterEveryCallTheTreeInMemoryIsTheTreeAFreshManagerLoads) {
     ASSERT_EQ(now, TreeOf(memory));
     ASSERT_EQ(now, Restarted(db));
   }
-  EXPECT_GE(step, std::min<std::size_t>(steps, 150));
   Report("property", step, " random calls, ", failures, " refused, each checked by a restart");
 }
 
@@ -78,13 +76,13 @@ TEST(Soak, ClientsAndAnObserverOnAHundredThousandNodesKeepMemoryFlat) {
   // Four clients for `ms`: value changes and reads of leaves; creates,
   // replacements, attribute changes and deletes of settings of their own.
   auto const phase = [&](std::size_t ms) {
-    auto const timeUp = Within(ms);
+    auto const until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     std::vector<std::thread> threads;
     for (std::size_t t = 0; t < 4; ++t)
       threads.emplace_back([&, t] {
         std::mt19937_64 random(seed + t);
         Values v{random};
-        while (!timeUp()) {
+        while (std::chrono::steady_clock::now() < until) {
           auto const roll = v.Below(100);
           auto const path =
               P(roll < 60 ? "dev/g" + std::to_string(v.Below(250)) + "/k" +

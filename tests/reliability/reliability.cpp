@@ -50,8 +50,7 @@ std::size_t Scaled(std::size_t base, std::size_t least) {
 std::uint64_t TestSeed(char const* suite) {
   char const* text = std::getenv("SM_RELIABILITY_SEED");
   std::uint64_t const seed = text ? std::strtoull(text, nullptr, 10) : std::random_device()();
-  std::cout << "[ seed     ] " << suite << ": SM_RELIABILITY_SEED=" << seed << " replays it"
-            << std::endl;
+  std::cout << "[ seed     ] " << suite << ": SM_RELIABILITY_SEED=" << seed << std::endl;
   return seed;
 }
 

@@ -27,6 +27,7 @@ using settings_manager::Setting;
 using test_support::P;
 using test_support::Text;
 
+// The AddressSanitizer and ThreadSanitizer builds run shorter.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define SM_RELIABILITY_SANITIZED 1
 #elif defined(__has_feature)
@@ -34,12 +35,10 @@ using test_support::Text;
 #define SM_RELIABILITY_SANITIZED 1
 #endif
 #endif
-// The AddressSanitizer and ThreadSanitizer builds run shorter.
-#ifdef SM_RELIABILITY_SANITIZED
-constexpr bool kSanitizerBuild = true;
-#else
-constexpr bool kSanitizerBuild = false;
+#ifndef SM_RELIABILITY_SANITIZED
+#define SM_RELIABILITY_SANITIZED 0
 #endif
+constexpr bool kSanitizerBuild = SM_RELIABILITY_SANITIZED;
 
 // `base` times SM_RELIABILITY_SCALE (when set; else 1, or 0.25 in a sanitizer
 // build), at least `least`.
@@ -54,12 +53,6 @@ void Report(char const* suite, Parts const&... parts) {
 }
 // The bytes of the file at `path`; empty when there is none.
 std::string ReadBytes(std::string const& path);
-// A test that ends when this returns true: `ms` milliseconds from now.
-inline auto Within(std::size_t ms) {
-  return [end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms)] {
-    return std::chrono::steady_clock::now() >= end;
-  };
-}
 
 // A manager and its six role interfaces.
 struct Client : test_support::Roles {

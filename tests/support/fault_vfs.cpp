@@ -15,21 +15,17 @@
 #include <vector>
 
 namespace test_support {
-namespace {
-
-// One change of a file not yet synced: what it wrote and what it overwrote, so
-// that a power cut can take it back or replay part of it.
-struct Change {
-  sqlite3_int64 offset = 0;  // a write's offset, or a truncate's new size
-  std::string data;          // the bytes written
-  bool truncate = false;
-  std::string old;  // the bytes the change replaced, up to the old end of file
-  sqlite3_int64 sizeBefore = 0;
-};
-
-}  // namespace
 
 struct FaultVfs::Impl {
+  // One change of a file not yet synced: what it wrote and what it overwrote, so that a
+  // power cut can take it back or replay part of it.
+  struct Change {
+    sqlite3_int64 offset = 0;  // a write's offset, or a truncate's new size
+    std::string data;          // the bytes written
+    bool truncate = false;
+    std::string old;  // the bytes the change replaced, up to the old end of file
+    sqlite3_int64 sizeBefore = 0;
+  };
   sqlite3_vfs vfs{};
   sqlite3_vfs* base = nullptr;
   std::mutex lock;
@@ -45,6 +41,7 @@ struct FaultVfs::Impl {
 
 namespace {
 
+using Change = FaultVfs::Impl::Change;
 FaultVfs::Impl* active = nullptr;
 constexpr std::size_t kSector = 512;
 
