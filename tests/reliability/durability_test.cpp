@@ -14,11 +14,10 @@
 namespace reliability {
 namespace {
 
-// A change that returned must survive the death of its program. A writer
-// process makes the changes of a seeded stream and is killed with SIGKILL at
-// random moments; a new manager must then load exactly the changes the writer
-// was told had returned, or those plus the one in flight. The next writer goes
-// on from there on the same file.
+// A change that returned must survive the death of its program. A writer process makes the
+// changes of a seeded stream and is killed with SIGKILL at random moments; a new manager
+// must then load exactly the changes the writer was told had returned, or those plus the
+// one in flight. The next writer goes on from there on the same file.
 TEST(ProcessCrash, EveryAcknowledgedChangeSurvivesSigkillAndNothingHalfDoneAppears) {
   auto const seed = TestSeed("ProcessCrash");
   std::mt19937_64 random(seed);
@@ -34,10 +33,9 @@ TEST(ProcessCrash, EveryAcknowledgedChangeSurvivesSigkillAndNothingHalfDoneAppea
     test_support::ChildProcess writer(
         {SM_RELIABILITY_WRITER, db, std::to_string(seed), std::to_string(first), "400"});
     ASSERT_EQ(writer.Line(), "ready");
-    // The kill falls after a random number of acknowledgements, at a random
-    // moment of the change in progress: the wait only places the kill, it
-    // orders nothing. Each answer is replayed on the oracle: the same change
-    // must give the same answer.
+    // The kill falls after a random number of acknowledgements, at a random moment of the
+    // change in progress: the wait only places the kill, it orders nothing. Each answer is
+    // replayed on the oracle: the same change must give the same answer.
     bool finished = false;
     auto const record = [&](std::string const& line) {
       finished = finished || line == "done";
@@ -67,13 +65,12 @@ TEST(ProcessCrash, EveryAcknowledgedChangeSurvivesSigkillAndNothingHalfDoneAppea
   Report("crash", done, " SIGKILLs survived, ", first, " changes, ", landed, " in flight landed");
 }
 
-// A change that returned must survive a power cut. The same seeded stream of
-// changes runs again and again on a new file through the fault VFS, which cuts
-// the power at a different change of a file each time: that write, truncate,
-// sync or delete and all later ones never happen, and what was written but not
-// synced before it is dropped, partly kept, or torn at a sector boundary. A
-// restart must then load exactly the changes that returned, or those plus the
-// one in flight.
+// A change that returned must survive a power cut. The same seeded stream of changes runs
+// again and again on a new file through the fault VFS, which cuts the power at a different
+// change of a file each time: that write, truncate, sync or delete and all later ones
+// never happen, and what was written but not synced before it is dropped, partly kept, or
+// torn at a sector boundary. A restart must then load exactly the changes that returned,
+// or those plus the one in flight.
 using test_support::FaultVfs;
 
 class PowerCut : public ::testing::TestWithParam<bool> {};  // rollback journal, or WAL
@@ -83,8 +80,7 @@ TEST_P(PowerCut, EveryAcknowledgedChangeSurvivesACutAtAnyWriteOrSync) {
   std::mt19937_64 random(seed);
   FaultVfs vfs;
   bool const rollback = GetParam();
-  // The script: each change, its answer, and trees[i], the tree after the first
-  // i changes.
+  // The script: each change, its answer, and trees[i], the tree after the first i changes.
   std::vector<Op> ops;
   std::vector<int> results;
   Client oracle;
@@ -95,10 +91,9 @@ TEST_P(PowerCut, EveryAcknowledgedChangeSurvivesACutAtAnyWriteOrSync) {
     results.push_back(Apply(ops.back(), oracle));
     trees.push_back(TreeOf(oracle));
   }
-  // Runs the script on a new file, reopening the manager every 12 changes (a
-  // close checkpoints the log), until a change fails; then restarts on the
-  // file, which must hold the changes that returned, or those and the one in
-  // flight.
+  // Runs the script on a new file, reopening the manager every 12 changes (a close
+  // checkpoints the log), until a change fails; then restarts on the file, which must hold
+  // the changes that returned, or those and the one in flight.
   std::size_t cuts = 0, landed = 0;
   std::uint64_t moments = 0;  // a run without a cut counts the moments a cut can fall on
   auto const run = [&](std::uint64_t cut, FaultVfs::Loss loss) {

@@ -1,5 +1,4 @@
-// Hostile and damaged input: refused with its code and reason, or served
-// without a crash.
+// Hostile and damaged input: refused with its code and reason, or served without a crash.
 
 #include <sqlite3.h>
 #include <sys/mount.h>
@@ -21,18 +20,16 @@
 namespace reliability {
 namespace {
 
-// Hostile shapes and sizes: input too deep, files that would blow up memory or
-// that SQLite would read differently, a full disk. Each is refused with its
-// code and its reason (LastResult), or done exactly; a refusal changes neither
-// the tree nor the file.
+// Hostile shapes and sizes: input too deep, files that would blow up memory or that SQLite
+// would read differently, a full disk. Each is refused with its code and its reason
+// (LastResult), or done exactly; a refusal changes neither the tree nor the file.
 using settings_manager::kMaxDepth;
 using test_support::Code;
 using test_support::FaultVfs;
 using test_support::SqliteFile;
 constexpr int kOutOfRange = Code(0x8000005Eu), kInvalidResult = Code(0x80000071u);
 
-// `rc` is `code`, and the calling thread's LastResult has that code and says
-// `reason`.
+// `rc` is `code`, and the calling thread's LastResult has that code and says `reason`.
 ::testing::AssertionResult Refused(int rc, int code, std::string const& reason) {
   auto const last = settings_manager::LastResult();
   if (rc == code && last.first == code && last.second.find(reason) != std::string::npos)
@@ -54,8 +51,7 @@ TEST(Hostile, CallsTooDeepOrMetByAFullDiskAreRefusedWithTheirReason) {
             file.QueryInt("PRAGMA page_count") * file.QueryInt("PRAGMA page_size"));
   std::size_t const huge = Scaled(1'000'000, 100'000);
   uvc::Path const deepPath(huge, uvc::Id("d"));
-  // One-element lists `huge` deep, made and unmade without recursion, as a
-  // client must.
+  // One-element lists `huge` deep, made and unmade without recursion, as a client must.
   Setting deep(true), out;
   for (std::size_t i = 0; i < huge; ++i) {
     Setting outer;
@@ -87,8 +83,8 @@ TEST(Hostile, CallsTooDeepOrMetByAFullDiskAreRefusedWithTheirReason) {
     EXPECT_EQ(TreeOf(c), tree);
     EXPECT_EQ(SqliteFile(db).DataRows(), rows);
   }
-  // A delete that finds the disk full once gets the log's room back and
-  // succeeds on its second try.
+  // A delete that finds the disk full once gets the log's room back and succeeds on its
+  // second try.
   vfs.Arm(FaultVfs::Fault{FaultVfs::kWrite, 1, false, SQLITE_FULL});
   EXPECT_EQ(c.deleter->DeleteSetting(P("m")), 0);
   EXPECT_EQ(vfs.Injected(), 1u);
@@ -137,8 +133,8 @@ TEST(Hostile, FilesThatWouldBeMisreadOrBlowUpAreRefusedAtOpen) {
 }
 
 // A long-lived manager on a small disk: the log stays bounded, so that hundreds of
-// settings fit, until the disk is full and a change is refused with its reason; once it
-// is full to the last byte, a new manager still reads what is stored.
+// settings fit, until the disk is full and a change is refused with its reason; once it is
+// full to the last byte, a new manager still reads what is stored.
 TEST(Hostile, OnA256KiBDiskTheLogStaysBoundedAndAFullDiskIsStillRead) {
   test_support::TempDir dir;
   auto const disk = dir.File("small");
@@ -177,9 +173,9 @@ TEST(Hostile, OnA256KiBDiskTheLogStaysBoundedAndAFullDiskIsStillRead) {
 }
 
 // Nothing a file can hold crashes the library. Seeded damage to a real settings file
-// (flipped bytes, a torn end, a zeroed page): a new manager either refuses the file with
-// a failure code, or loads a tree and then answers every call. (The exact codes of each
-// kind of damaged row are the store's tests' business.)
+// (flipped bytes, a torn end, a zeroed page): a new manager either refuses the file with a
+// failure code, or loads a tree and then answers every call. (The exact codes of each kind
+// of damaged row are the store's tests' business.)
 TEST(BadInput, DamagedFilesAreRefusedWithACodeOrServedWithoutACrash) {
   auto const seed = TestSeed("BadInput");
   std::mt19937_64 random(seed);

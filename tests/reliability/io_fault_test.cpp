@@ -1,9 +1,9 @@
-// A failing disk must never leave the tree and the file apart. For every
-// operation, and for every read, write, sync, truncate and unlink it makes, the
-// fault VFS fails that one call (or it and every later one; or reports a full
-// disk): the operation must succeed or return a failure code, its tree must be
-// the one before or after it, a manager opened on the file beside it must load
-// that same tree, and the manager must go on working once the disk does.
+// A failing disk must never leave the tree and the file apart. For every operation, and
+// for every read, write, sync, truncate and unlink it makes, the fault VFS fails that one
+// call (or it and every later one; or reports a full disk): the operation must succeed or
+// return a failure code, its tree must be the one before or after it, a manager opened on
+// the file beside it must load that same tree, and the manager must go on working once the
+// disk does.
 
 #include <sqlite3.h>
 
@@ -60,8 +60,9 @@ TEST(IoFaults, EveryOperationFailsCleanlyAtEveryReadWriteSyncAndTruncate) {
     auto const& op = scenario.second;
     bool const newFile = std::string(name).find("new") != std::string::npos;
     Setting const before = newFile ? MapOf({}) : start;
-    // Puts the start file in place, opens a manager (unless the operation is the start-up),
-    // arms `fault`, and runs the operation: its answer, and in `hit` whether the fault came.
+    // Puts the start file in place, opens a manager (unless the operation is the
+    // start-up), arms `fault`, and runs the operation: its answer, and in `hit` whether
+    // the fault came.
     bool hit = false;
     auto const run = [&](Client& client, std::optional<FaultVfs::Fault> const& fault) {
       for (char const* suffix : {"", "-wal", "-shm", "-journal"})

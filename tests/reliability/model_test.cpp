@@ -20,9 +20,9 @@ extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 namespace reliability {
 namespace {
 
-// Whatever a random sequence of changes answers, after every one the tree in memory is
-// the tree a fresh manager loads from the file, and a manager without a file, given the
-// same changes, answers and looks the same.
+// Whatever a random sequence of changes answers, after every one the tree in memory is the
+// tree a fresh manager loads from the file, and a manager without a file, given the same
+// changes, answers and looks the same.
 
 TEST(Property, AfterEveryCallTheTreeInMemoryIsTheTreeAFreshManagerLoads) {
   auto const seed = TestSeed("Property");
@@ -48,11 +48,10 @@ TEST(Property, AfterEveryCallTheTreeInMemoryIsTheTreeAFreshManagerLoads) {
   Report("property", step, " random calls, ", failures, " refused, each checked by a restart");
 }
 
-// Load: client threads change, read, create and delete settings of a tree of
-// more than 100 000 nodes while an observer of the root is told of every
-// change, for a bounded time. After a warm-up the memory in use must stay flat,
-// and the file must hold the tree. (That the observer misses nothing is the
-// events suites' business.)
+// Load: client threads change, read, create and delete settings of a tree of more than 100
+// 000 nodes while an observer of the root is told of every change, for a bounded time.
+// After a warm-up the memory in use must stay flat, and the file must hold the tree. (That
+// the observer misses nothing is the events suites' business.)
 struct Counter : settings_manager::ISettingsUpdateObserver {
   void Update(uvc::Path const&, unsigned char) override { ++told; }
   std::atomic<std::size_t> told{0};
@@ -73,8 +72,8 @@ TEST(Soak, ClientsAndAnObserverOnAHundredThousandNodesKeepMemoryFlat) {
   settings_manager::SubscriptionId id{};
   ASSERT_EQ(client.subscriber->Subscribe(uvc::Path(), root, id), 0);
   std::atomic<std::size_t> changes{0}, failures{0};
-  // Four clients for `ms`: value changes and reads of leaves; creates,
-  // replacements, attribute changes and deletes of settings of their own.
+  // Four clients for `ms`: value changes and reads of leaves; creates, replacements,
+  // attribute changes and deletes of settings of their own.
   auto const phase = [&](std::size_t ms) {
     auto const until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     std::vector<std::thread> threads;

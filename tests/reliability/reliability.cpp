@@ -59,8 +59,8 @@ std::string ReadBytes(std::string const& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// Type changes are logged as errors, a refused file as fatal; the suites and
-// the writer look at results, not at the log.
+// Type changes are logged as errors, a refused file as fatal; the suites and the writer
+// look at results, not at the log.
 bool const quiet = (tern::logger::TernLogger::RootLogger().SetSink([](auto const&) {}), true);
 
 Setting Restarted(std::string const& path) {
@@ -82,8 +82,8 @@ int Seed(Client& client, Setting const& root) {
 }
 
 std::string Values::Key() {
-  // Keys that differ only in case or by a suffix, and non-ASCII bytes: the
-  // store must never mix them up.
+  // Keys that differ only in case or by a suffix, and non-ASCII bytes: the store must
+  // never mix them up.
   static char const* const keys[] = {
       "a",     "b",   "c",    "d",   "e",  "ab", "A", "a.b", "\xC3\xA9t\xC3\xA9",
       "k\xFF", "mtu", "port", "dns", "x-y"};
@@ -150,9 +150,8 @@ Op Stream::Make(std::uint64_t index, Client& current) const {
             : roll < 84                ? Op::kSetAttribute
                                        : Op::kDelete;
   if (op.kind == Op::kCreate) {
-    // A new child of the root, of a map or of a list (at or past its end: the
-    // gap gets None placeholders), now and then with missing map levels in
-    // between.
+    // A new child of the root, of a map or of a list (at or past its end: the gap gets
+    // None placeholders), now and then with missing map levels in between.
     Nodes parents = {{uvc::Path(), &root}};
     for (auto const& entry : nodes)
       if (entry.second->index() == ix::kMap || entry.second->index() == ix::kList)

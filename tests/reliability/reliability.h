@@ -1,9 +1,9 @@
 #pragma once
 
-// What the reliability suites share: a client of a manager, random settings, a
-// stream of changes that a writer process and the tests each rebuild from a
-// seed, their budget and seeds, a quiet log, and the tree a restart would load
-// from a file. The writer program links it too.
+// What the reliability suites share: a client of a manager, random settings, a stream of
+// changes that a writer process and the tests each rebuild from a seed, their budget and
+// seeds, a quiet log, and the tree a restart would load from a file. The writer program
+// links it too.
 
 #include <gtest/gtest.h>
 
@@ -40,11 +40,11 @@ using test_support::Text;
 #endif
 constexpr bool kSanitizerBuild = SM_RELIABILITY_SANITIZED;
 
-// `base` times SM_RELIABILITY_SCALE (when set; else 1, or 0.25 in a sanitizer
-// build), at least `least`.
+// `base` times SM_RELIABILITY_SCALE (when set; else 1, or 0.25 in a sanitizer build), at
+// least `least`.
 std::size_t Scaled(std::size_t base, std::size_t least = 1);
-// The seed of a suite: SM_RELIABILITY_SEED when set, else a fresh one; printed,
-// so that a failure can be replayed.
+// The seed of a suite: SM_RELIABILITY_SEED when set, else a fresh one; printed, so that a
+// failure can be replayed.
 std::uint64_t TestSeed(char const* suite);
 // One line of figures for the README: "RELIABILITY <suite>: <parts>".
 template <typename... Parts>
@@ -56,8 +56,7 @@ std::string ReadBytes(std::string const& path);
 
 // A manager and its six role interfaces.
 struct Client : test_support::Roles {
-  // Makes a manager on `path` (empty: in memory only); 0, or the factory's
-  // code.
+  // Makes a manager on `path` (empty: in memory only); 0, or the factory's code.
   int Open(std::string const& path) {
     Close();
     int const rc = settings_manager::CreateSettingsManager({path}, manager);
@@ -74,8 +73,7 @@ Setting Restarted(std::string const& path);
 inline std::vector<std::string> const kTopKeys = {"sys", "net", "app", "user", "Net"};
 // The whole tree of a client's manager.
 Setting TreeOf(Client& client);
-// Gives an empty manager the tree `root` (a root map), one top-level setting at
-// a time.
+// Gives an empty manager the tree `root` (a root map), one top-level setting at a time.
 int Seed(Client& client, Setting const& root);
 
 // Random settings: every alternative, keys from a small set so that paths meet.
@@ -99,10 +97,9 @@ struct Op {
 };
 int Apply(Op const& op, Client& client);
 
-// Creates, value changes, subtree replacements, attribute changes and deletes,
-// mostly of nodes that exist. Change `index` depends only on the seed, the
-// index and the tree it is made for, so a process that holds the same tree
-// makes the same change.
+// Creates, value changes, subtree replacements, attribute changes and deletes, mostly of
+// nodes that exist. Change `index` depends only on the seed, the index and the tree it is
+// made for, so a process that holds the same tree makes the same change.
 struct Stream {
   Op Make(std::uint64_t index, Client& current) const;
   std::uint64_t seed;

@@ -8,8 +8,8 @@
 
 namespace test_support {
 
-// A child process run from `argv` (argv[0] the executable's path) whose standard input
-// and output are one socket of ours; killed and reaped when the object ends.
+// A child process run from `argv` (argv[0] the executable's path) whose standard input and
+// output are one socket of ours; killed and reaped when the object ends.
 class ChildProcess {
  public:
   explicit ChildProcess(std::vector<std::string> const& argv);
@@ -19,8 +19,8 @@ class ChildProcess {
 
   // Writes `line` and a newline to the child's standard input; false when it is closed.
   bool Send(std::string const& line);
-  // The next line of its output, waiting at most `timeout`; "(timeout)" or
-  // "(end of output)" when there is none.
+  // The next line of its output, waiting at most `timeout`; "(timeout)" or "(end of
+  // output)" when there is none.
   std::string Line(std::chrono::milliseconds timeout = std::chrono::seconds(60));
   // Kills and reaps it: its wait status.
   int Kill();

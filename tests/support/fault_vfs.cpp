@@ -34,8 +34,7 @@ struct FaultVfs::Impl {
   std::optional<std::uint64_t> cutAt;
   bool powerOff = false;
   std::map<std::string, std::vector<Change>> unsynced;  // by file name
-  // Files unlinked with no directory sync since: the content a restart brings
-  // back.
+  // Files unlinked with no directory sync since: the content a restart brings back.
   std::map<std::string, std::string> unlinked;
 };
 
@@ -45,9 +44,8 @@ using Change = FaultVfs::Impl::Change;
 FaultVfs::Impl* active = nullptr;
 constexpr std::size_t kSector = 512;
 
-// What the VFS keeps with each open file, behind the default VFS's own file.
-// The file keeps the default VFS's methods, but for the four that change or
-// read it.
+// What the VFS keeps with each open file, behind the default VFS's own file. The file
+// keeps the default VFS's methods, but for the four that change or read it.
 struct Extra {
   sqlite3_io_methods methods;
   sqlite3_io_methods const* real;
@@ -55,8 +53,8 @@ struct Extra {
   bool dirSyncPending;
 };
 
-// The default VFS's file is a struct, a multiple of 8 bytes long: Extra fits
-// right behind it.
+// The default VFS's file is a struct, a multiple of 8 bytes long: Extra fits right behind
+// it.
 Extra& ExtraOf(sqlite3_file* file) {
   return *std::launder(
       reinterpret_cast<Extra*>(reinterpret_cast<char*>(file) + active->base->szOsFile));
@@ -89,8 +87,7 @@ void DirectorySynced(std::string const& path) {
                                                                   : std::next(it);
 }
 
-// Counts a call and decides its fate: SQLITE_OK to go ahead, or the code to
-// fail with.
+// Counts a call and decides its fate: SQLITE_OK to go ahead, or the code to fail with.
 int Enter(FaultVfs::Call call, int ownError) {
   auto& s = *active;
   std::lock_guard<std::mutex> guard(s.lock);
@@ -104,8 +101,7 @@ int Enter(FaultVfs::Call call, int ownError) {
   return s.fault->code != 0 ? s.fault->code : ownError;
 }
 
-// Runs a write or truncate at `offset`, remembering the bytes up to `end` it
-// replaces.
+// Runs a write or truncate at `offset`, remembering the bytes up to `end` it replaces.
 int Modify(sqlite3_file* file, FaultVfs::Call call, int ownError, sqlite3_int64 offset,
            std::string data, sqlite3_int64 end) {
   if (int rc = Enter(call, ownError); rc != SQLITE_OK) return rc;
@@ -143,8 +139,7 @@ int Sync(sqlite3_file* file, int) {
   auto& x = ExtraOf(file);
   std::lock_guard<std::mutex> guard(active->lock);
   if (x.name != nullptr) active->unsynced.erase(x.name);
-  // The default VFS syncs the directory with the first sync of a journal it
-  // created.
+  // The default VFS syncs the directory with the first sync of a journal it created.
   if (x.dirSyncPending && x.name != nullptr) DirectorySynced(x.name);
   x.dirSyncPending = false;
   return SQLITE_OK;
@@ -172,8 +167,8 @@ int Delete(sqlite3_vfs*, char const* name, int syncDir) {
     if (syncDir != 0) {
       DirectorySynced(name);
     } else if (active->unlinked.count(name) == 0 && std::filesystem::exists(name)) {
-      // Without a directory sync the unlink may not survive a power cut: a
-      // restart would find the content that was synced.
+      // Without a directory sync the unlink may not survive a power cut: a restart would
+      // find the content that was synced.
       active->unlinked[name] = Synced(name, active->unsynced[name]);
     }
     active->unsynced.erase(name);
@@ -230,8 +225,8 @@ bool FaultVfs::ApplyPowerLoss(Loss loss, std::mt19937_64& random) {
   for (auto const& [name, changes] : s.unsynced) {
     if (changes.empty() || !std::filesystem::exists(name)) continue;
     std::string content = Synced(name, changes);
-    // The changes that reached the disk in order before the power went; with
-    // kTornPrefix a part of the next one too.
+    // The changes that reached the disk in order before the power went; with kTornPrefix a
+    // part of the next one too.
     std::size_t const reached = loss == Loss::kKeepAll      ? changes.size()
                                 : loss == Loss::kTornPrefix ? random() % (changes.size() + 1)
                                                             : 0;
