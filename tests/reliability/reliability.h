@@ -49,7 +49,7 @@ std::uint64_t TestSeed(char const* suite);
 // One line of figures for the README: "RELIABILITY <suite>: <parts>".
 template <typename... Parts>
 void Report(char const* suite, Parts const&... parts) {
-  (std::cout << "RELIABILITY " << suite << ": " << ... << parts) << std::endl;
+  ((std::cout << "RELIABILITY " << suite << ": ") << ... << parts) << std::endl;
 }
 // The bytes of the file at `path`; empty when there is none.
 std::string ReadBytes(std::string const& path);
