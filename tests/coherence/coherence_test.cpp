@@ -95,7 +95,6 @@ TEST_F(Coherence, RacingWritersLoseNothingAndAKilledOneLeavesEveryViewAgreeing) 
       victim->Send("random 400");
       for (auto n = random() % 40; n > 0; --n) ASSERT_EQ(victim->Line().rfind("did ", 0), 0u);
       victim->Kill();
-      victim->Wait();
     }
     std::vector<std::string> done;
     for (auto& writer : writers) done.push_back(Answer(*writer, ""));

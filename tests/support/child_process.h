@@ -3,14 +3,13 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace test_support {
 
-// A child process run from `argv` (argv[0] the executable's path) whose standard input
-// and output are pipes of ours; killed and reaped when the object ends.
+// A child process run from `argv` (argv[0] the executable's path) whose standard input and
+// output are one socket of ours; killed and reaped when the object ends.
 class ChildProcess {
  public:
   explicit ChildProcess(std::vector<std::string> const& argv);
@@ -20,21 +19,15 @@ class ChildProcess {
 
   // Writes `line` and a newline to the child's standard input; false when it is closed.
   bool Send(std::string const& line);
-  // The next line of its output, waiting at most `timeout`; nullopt at the end of output
-  // or on timeout (`timedOut` tells which).
-  std::optional<std::string> Line(std::chrono::milliseconds timeout, bool& timedOut);
-  // The next line, or "(timeout)" / "(end of output)".
+  // The next line of its output, waiting at most `timeout`; "(timeout)" or "(end of
+  // output)" when there is none.
   std::string Line(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-
-  pid_t Pid() const noexcept { return pid_; }
-  void Kill();
-  // The wait status.
-  int Wait();
+  // Kills and reaps it: its wait status.
+  int Kill();
 
  private:
   pid_t pid_ = -1;
-  int read_ = -1;
-  int write_ = -1;
+  int socket_ = -1;
   std::string buffer_;
 };
 

@@ -1,10 +1,15 @@
-#include "stream.h"
+#include "reliability.h"
 
 #include <cfloat>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iostream>
 #include <type_traits>
 #include <utility>
+
+#include "support/sqlite_file.h"
 
 namespace reliability {
 namespace {
@@ -12,29 +17,15 @@ namespace {
 namespace ix = uvc::index;
 using Nodes = std::vector<std::pair<uvc::Path, Setting const*>>;
 
-std::uint64_t Mix(std::uint64_t seed, std::uint64_t index) {
-  // splitmix64 of both: neighbouring indices give unrelated generators.
-  std::uint64_t z = seed ^ (index + 0x9E3779B97F4A7C15ull) * 0xBF58476D1CE4E5B9ull;
-  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-  z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-  return z ^ (z >> 31);
-}
-
-void Walk(Setting const& node, uvc::Path& at, Nodes& out) {
+// Every node below `node`, which is at `at`, with its path.
+void Walk(Setting const& node, uvc::Path at, Nodes& out) {
   if (!at.empty()) out.emplace_back(at, &node);
-  if (auto const* map = std::get_if<ix::kMap>(&node)) {
-    for (auto const& [key, child] : *map) {
-      at.emplace_back(std::in_place_index<1>, key);
-      Walk(child, at, out);
-      at.pop_back();
-    }
-  } else if (auto const* list = std::get_if<ix::kList>(&node)) {
-    for (std::size_t i = 0; i < list->size(); ++i) {
-      at.emplace_back(std::in_place_index<0>, i);
-      Walk((*list)[i], at, out);
-      at.pop_back();
-    }
-  }
+  at.emplace_back();  // each child's id in turn
+  auto const* list = std::get_if<ix::kList>(&node);
+  for (std::size_t i = 0; list != nullptr && i < list->size(); ++i)
+    Walk((*list)[i], (at.back() = uvc::Id(std::in_place_index<0>, i), at), out);
+  if (auto const* map = std::get_if<ix::kMap>(&node))
+    for (auto const& [key, child] : *map) Walk(child, (at.back() = uvc::Id(key), at), out);
 }
 
 // The `pick`th of the types T, made from `bits`.
@@ -50,25 +41,37 @@ Setting OneOf(std::uint64_t pick, std::uint64_t bits) {
 
 }  // namespace
 
-uvc::Path P(std::string const& text) {
-  auto [path, state] = uvc::FromString(text, settings_manager::meta::GetIdSpecification());
-  return state == uvc::IdState::Ok ? std::move(path) : uvc::Path();
+std::size_t Scaled(std::size_t base, std::size_t least) {
+  char const* text = std::getenv("SM_RELIABILITY_SCALE");
+  double const scale = text != nullptr ? std::atof(text) : kSanitizerBuild ? 0.25 : 1.0;
+  return std::max(least, static_cast<std::size_t>(static_cast<double>(base) * scale));
 }
 
-std::string Text(uvc::Path const& path) { return settings_manager::PathToStr(path); }
-
-std::vector<std::string> const& TopKeys() {
-  static std::vector<std::string> const keys = {"sys", "net", "app", "user", "Net"};
-  return keys;
+std::uint64_t TestSeed(char const* suite) {
+  char const* text = std::getenv("SM_RELIABILITY_SEED");
+  std::uint64_t const seed = text ? std::strtoull(text, nullptr, 10) : std::random_device()();
+  std::cout << "[ seed     ] " << suite << ": SM_RELIABILITY_SEED=" << seed << std::endl;
+  return seed;
 }
 
-Setting TreeOf(settings_manager::ISettingsGetter& getter, std::vector<std::string> const& keys) {
+std::string ReadBytes(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Type changes are logged as errors, a refused file as fatal; the suites and the writer
+// look at results, not at the log.
+bool const quiet = (tern::logger::TernLogger::RootLogger().SetSink([](auto const&) {}), true);
+
+Setting Restarted(std::string const& path) {
+  Client client;
+  EXPECT_EQ(client.Open(path), 0) << "a new manager refused " << path;
+  return client.manager ? TreeOf(client) : Setting();
+}
+
+Setting TreeOf(Client& client) {
   Setting root;
-  auto& map = root.emplace<ix::kMap>();
-  for (auto const& key : keys) {
-    Setting node;
-    if (getter.GetSetting(uvc::Path{key}, node) == 0) map.emplace(key, std::move(node));
-  }
+  EXPECT_EQ(settings_manager::GetTree(*client.manager, root), 0);
   return root;
 }
 
@@ -90,7 +93,7 @@ std::string Values::Key() {
 Setting Values::Scalar() {
   static double const special[] = {0.0,       -0.0,         1.5,      HUGE_VAL,
                                    -HUGE_VAL, std::nan(""), 4.9e-324, DBL_MAX};
-  auto const bits = random_(), kind = Below(14);
+  auto const bits = random(), kind = Below(14);
   double real = special[Below(8)];
   if (Chance(60)) std::memcpy(&real, &bits, sizeof real);
   std::string text;
@@ -106,19 +109,16 @@ Setting Values::Scalar() {
 }
 
 Setting Values::Tree(std::size_t budget, int depth) {
-  Setting node;
-  if (budget <= 1 || depth >= 4 || Chance(35)) {
-    node = Scalar();
-  } else if (Chance(60)) {
-    auto& map = node.emplace<ix::kMap>();
-    auto const children = 1 + Below(std::min<std::size_t>(6, budget - 1));
-    for (std::size_t i = 0; i < children; ++i)
-      map.emplace(Key(), Tree(1 + Below((budget - 1) / children), depth + 1));
-  } else {
-    auto& list = node.emplace<ix::kList>();
-    auto const children = Below(std::min<std::size_t>(6, budget));
-    for (std::size_t i = 0; i < children; ++i)
-      list.push_back(Tree(1 + Below((budget - 1) / children), depth + 1));
+  bool const leaf = budget <= 1 || depth >= 4 || Chance(35), map = Chance(60);
+  Setting node = leaf  ? Scalar()
+                 : map ? Setting(test_support::Map())
+                       : Setting(test_support::List());
+  // A map has a child at least, a list may be empty.
+  auto const children = leaf ? 0 : map + Below(std::min<std::size_t>(6, budget - map));
+  for (std::size_t i = 0; i < children; ++i) {
+    auto child = Tree(1 + Below((budget - 1) / children), depth + 1);
+    map ? void(std::get<ix::kMap>(node).emplace(Key(), std::move(child)))
+        : std::get<ix::kList>(node).push_back(std::move(child));
   }
   node.attributes.readOnly = Chance(8);
   return node;
@@ -132,23 +132,18 @@ int Apply(Op const& op, Client& client) {
   return client.deleter->DeleteSetting(op.path);
 }
 
-Op Stream::Make(std::uint64_t index, settings_manager::ISettingsGetter& current) const {
-  std::mt19937_64 random(Mix(seed_, index));
-  Values v(random);
+Op Stream::Make(std::uint64_t index, Client& current) const {
+  // Neighbouring indices give unrelated generators.
+  std::seed_seq mixed{seed, seed >> 32, index, index >> 32};
+  std::mt19937_64 random(mixed);
+  Values v{random};
   Setting const root = TreeOf(current);
-  auto const& rootMap = std::get<ix::kMap>(root);
   Nodes nodes;
-  uvc::Path at;
-  Walk(root, at, nodes);
-  auto const& top = TopKeys();
+  Walk(root, {}, nodes);
   Op op;
   // A big tree shrinks: deletes of whole top-level settings win.
-  if (nodes.size() >= maxNodes_ && v.Chance(60)) {
-    op.kind = Op::kDelete;
-    op.path = {std::next(rootMap.begin(), static_cast<long>(v.Below(rootMap.size())))->first};
-    return op;
-  }
-  auto const roll = v.Below(100);
+  bool const shrink = nodes.size() >= maxNodes && v.Chance(60);
+  auto const roll = shrink ? 99 : v.Below(100);
   op.kind = nodes.empty() || roll < 26 ? Op::kCreate
             : roll < 46                ? Op::kSetValue
             : roll < 68                ? Op::kSetSetting
@@ -166,7 +161,7 @@ Op Stream::Make(std::uint64_t index, settings_manager::ISettingsGetter& current)
     if (auto const* list = std::get_if<ix::kList>(parent))
       op.path.emplace_back(std::in_place_index<0>, list->size() + v.Below(3));
     else
-      op.path.emplace_back(std::in_place_index<1>, path.empty() ? top[v.Below(5)] : v.Key());
+      op.path.emplace_back(std::in_place_index<1>, path.empty() ? kTopKeys[v.Below(5)] : v.Key());
     for (auto extra = v.Chance(25) ? 1 + v.Below(2) : 0; extra > 0; --extra)
       op.path.emplace_back(std::in_place_index<1>, v.Key());
     op.setting = v.Tree(1 + v.Below(v.Chance(10) ? 150 : 40));
@@ -182,6 +177,7 @@ Op Stream::Make(std::uint64_t index, settings_manager::ISettingsGetter& current)
   } else if (op.kind == Op::kSetAttribute) {
     op.attributes.readOnly = v.Chance(85) != node->attributes.readOnly;
   } else {
+    if (shrink) op.path.resize(1);
     while (op.path.back().index() == 0) op.path.pop_back();  // the named node holding it
   }
   return op;
