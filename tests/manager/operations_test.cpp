@@ -60,7 +60,7 @@ TEST_F(Operations, ResultsLogRecordsTreeAndFile) {
   // clang-format off
   auto const x = Int(1, true), y = MapOf({{"z", Int(2)}});
   // Every case starts from this tree on a fresh file.
-  auto const base = MapOf({{"a", Int(5)}, {"l", ListOf({Int(0), Int(1), Setting()})},
+  auto const base = MapOf({{"a", Int(5)}, {"d", Setting(0.0)}, {"l", ListOf({Int(0), Int(1), Setting()})},
       {"n", Setting()}, {"p", MapOf({{"x", x}, {"y", y}})}, {"r", Int(5, true)}});
   Case const cases[] = {
       // CreateSetting: an identical setting is there (1), a different one (Found).
@@ -78,6 +78,7 @@ TEST_F(Operations, ResultsLogRecordsTreeAndFile) {
       {kSetValue, "r", Int(5), 1, {}}, {kSetValue, "p", MapOf({}), kProhibited, {}},
       {kSetValue, "p/y/z", Int(3), 0, {"T @"}, "", "p",
        MapOf({{"x", x}, {"y", MapOf({{"z", Int(3)}})}})},
+      {kSetValue, "d", Setting(-0.0), 0, {"T @"}, "", "d", Setting(-0.0)},  // bits, not ==
       {kSetValue, "a", Str("5"), 0,
        {"E ### SetValue(a/): old/new value type mismatch: 6/10", "T @"}, "", "a", Str("5")},
       // SetSetting replaces read-only nodes too; equal value, other attributes: a change.

@@ -1,16 +1,13 @@
 // The result code texts, the logger's standard-error sink and the runtime pieces:
-// timestamps, the semaphore and the random source.
+// the random source.
 
 #include <gtest/gtest.h>
 
 #include <array>
-#include <thread>
 
 #include "fdn/result_codes.h"
 #include "tern/logger/tern_logger.h"
 #include "tern/rtl/random.h"
-#include "tern/rtl/semaphore.h"
-#include "tern/rtl/timestamp.h"
 
 namespace {
 
@@ -33,13 +30,6 @@ TEST(Runtime, CodeTextsLoggerTimestampsSemaphoreAndRandomBytes) {
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "ERROR store.cpp:7 Load: failed with 0xff\n");
   EXPECT_FALSE(logger.IsLevelEnabled(tern::logger::LogLevel::Warning));
 
-  tern::rtl::Timestamp const t(-1234567890123456);
-  EXPECT_TRUE(t < tern::rtl::Timestamp(5) && !(t < t) && t.Microseconds() == -1234567890123456);
-  EXPECT_GT(tern::rtl::Timestamp::Now().Microseconds(), 1577836800LL * 1000000);  // after 2020
-  tern::rtl::Semaphore semaphore(1);  // a lost count would hang until CTest's timeout
-  semaphore.Post();
-  std::thread([&semaphore] { semaphore.Wait(); }).join();
-  semaphore.Wait();
   std::array<std::uint8_t, 32> first{}, second{};
   EXPECT_EQ(tern::rtl::TernRandomGenerate(first.data(), first.size()), 0);
   EXPECT_EQ(tern::rtl::TernRandomGenerate(second.data(), second.size()), 0);

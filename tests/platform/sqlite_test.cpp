@@ -1,11 +1,8 @@
-// The SQLite wrapper: opening files, queries and their codes, transactions, and the
-// byte-exact LIKE the store's prefix deletes rely on; checked with the sqlite3 C API.
+// The SQLite wrapper: queries and their codes, transactions, and the byte-exact LIKE;
+// checked with the sqlite3 C API.
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-
-#include <filesystem>
-#include <fstream>
 
 #include "db_wrappers/sqlite/database.h"
 #include "db_wrappers/transaction_monitor.h"
@@ -18,7 +15,6 @@ namespace {
 
 using namespace db_wrappers::sqlite;
 using namespace std::string_literals;
-using Blob = std::vector<std::uint8_t>;
 
 class Sqlite : public ::testing::Test {
  protected:
@@ -36,48 +32,6 @@ class Sqlite : public ::testing::Test {
   std::string const path_ = dir_.File("store.db");
   std::unique_ptr<IDatabase> db_;
 };
-
-std::string Bytes(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-TEST_F(Sqlite, OpensNewFilesInWalWithFullSyncAndLeavesOthersAsTheyAre) {
-  EXPECT_EQ(SqliteFile(path_).QueryText("PRAGMA journal_mode"), "wal");
-  EXPECT_EQ(Run("PRAGMA synchronous"), DbValue(std::int64_t{2}));
-  std::string const foreign = dir_.File("foreign.db"), junk = dir_.File("junk.db");
-  SqliteFile(foreign).Exec("PRAGMA journal_mode=DELETE; CREATE TABLE o(x);");
-  std::string const before = Bytes(foreign);
-  ASSERT_RC(Wrapper().Open(foreign, db_), 0);
-  EXPECT_EQ(Run("PRAGMA journal_mode", alt::kText), DbValue("delete"s));
-  EXPECT_EQ(Run("PRAGMA synchronous"), DbValue(std::int64_t{3}));  // the journal's unlink too
-  db_.reset();
-  EXPECT_EQ(Bytes(foreign), before);
-  std::ofstream(junk, std::ios::binary) << std::string(4096, 'x');
-  EXPECT_RC(Wrapper().Open(junk, db_), 0xA111001Au);  // SQLITE_NOTADB
-  EXPECT_EQ(db_, nullptr);
-  EXPECT_EQ(Bytes(junk), std::string(4096, 'x'));
-  EXPECT_RC(Wrapper().Open(dir_.File("missing/store.db"), db_), 0xA111000Eu);  // SQLITE_CANTOPEN
-  EXPECT_FALSE(std::filesystem::exists(dir_.File("missing")));
-}
-
-TEST_F(Sqlite, ValuesKeepTheirStorageClassAndBytes) {
-  std::tuple<DbValue, std::string> const stored[] = {
-      {std::numeric_limits<std::int64_t>::min(), "integer:-9223372036854775808"},
-      {"a\0b\x80\xff"s, "text:61006280FF"},
-      {tern::rtl::Timestamp(1700000000123456), "integer:1700000000123456"},
-      {Blob{}, "blob:X''"}};
-  Run("CREATE TABLE v(x)");
-  for (auto const& [value, text] : stored) {
-    Run("DELETE FROM v");
-    Run("INSERT INTO v VALUES (?)", 0, {value});
-    EXPECT_EQ(Run("SELECT x FROM v", static_cast<int>(value.index())), value) << text;
-    EXPECT_EQ(SqliteFile(path_).QueryText("SELECT typeof(x) || ':' || CASE typeof(x) WHEN 'text' "
-                                          "THEN hex(x) ELSE quote(x) END FROM v"),
-              text);
-  }
-  EXPECT_EQ(Run("SELECT 128", alt::kInt8), DbValue(std::int64_t{128}));  // too big: as it is
-}
 
 TEST_F(Sqlite, QueriesReportSqlitesCodesAndTexts) {
   Query query(db_);

@@ -172,48 +172,5 @@ TEST(Hostile, OnA256KiBDiskTheLogStaysBoundedAndAFullDiskIsStillRead) {
                       "attempt to write a readonly database: the file is open read-only"));
 }
 
-// Nothing a file can hold crashes the library. Seeded damage to a real settings file
-// (flipped bytes, a torn end, a zeroed page): a new manager either refuses the file with a
-// failure code, or loads a tree and then answers every call. (The exact codes of each kind
-// of damaged row are the store's tests' business.)
-TEST(BadInput, DamagedFilesAreRefusedWithACodeOrServedWithoutACrash) {
-  auto const seed = TestSeed("BadInput");
-  std::mt19937_64 random(seed);
-  Values values{random};
-  FaultVfs vfs;  // no waiting for the disk: durability is not the point here
-  test_support::TempDir dir;
-  auto const db = dir.File("settings.db");
-  Client client;
-  ASSERT_EQ(client.Open(db), 0);
-  for (auto const& key : kTopKeys)
-    ASSERT_EQ(client.creator->CreateSetting({uvc::Id(key)}, values.Tree(60)), 0);
-  client.Close();
-  std::string const good = ReadBytes(db);
-  std::size_t const trials = Scaled(320, 80);
-  std::size_t refused = 0;
-  for (std::size_t trial = 0; trial < trials; ++trial) {
-    std::string bytes = good;  // with bytes flipped, a torn end, or a page zeroed
-    for (auto flips = 1 + random() % 8; trial % 3 == 0 && flips > 0; --flips)
-      bytes[random() % bytes.size()] ^= static_cast<char>(1 + random() % 255);
-    if (trial % 3 == 1) bytes.resize(random() % bytes.size());
-    if (trial % 3 == 2) bytes.replace(4096 * (random() % (bytes.size() / 4096)), 4096, 4096, '\0');
-    for (char const* suffix : {"-wal", "-shm"}) std::filesystem::remove(db + suffix);
-    std::ofstream(db, std::ios::binary | std::ios::trunc) << bytes;
-    SCOPED_TRACE("trial " + std::to_string(trial));
-    if (int const rc = client.Open(db); rc != 0) {
-      ASSERT_LT(rc, 0);
-      ++refused;
-      continue;
-    }
-    for (auto const& key : kTopKeys) {  // served: every call answers
-      Setting out;
-      client.getter->GetSetting({uvc::Id(key)}, out);
-      client.setter->SetSetting({uvc::Id(key)}, values.Tree(5));
-      client.deleter->DeleteSetting({uvc::Id(key), uvc::Id(values.Key())});
-    }
-  }
-  Report("bad-input", trials, " damaged files: ", refused, " refused with a code, the rest served");
-}
-
 }  // namespace
 }  // namespace reliability

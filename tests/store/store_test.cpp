@@ -80,8 +80,10 @@ TEST_F(Store, NewFileGetsTheSchemaAndIsOnlyVerifiedWhenReopened) {
   std::string const before = Bytes();
   { SettingsDB db(path_); }
   std::string const verify = "[SMDB] VerifySchema...", create = "[SMDB] CreateSchema...";
-  EXPECT_THAT(log.Messages(), ::testing::ElementsAre(verify, create, create + "Ok", verify,
-                                                     verify + "Ok", verify, verify + "Ok"));
+  std::vector<std::string> messages;
+  for (auto const& r : log.Records()) messages.push_back(r.message);
+  EXPECT_THAT(messages, ::testing::ElementsAre(verify, create, create + "Ok", verify, verify + "Ok",
+                                               verify, verify + "Ok"));
   EXPECT_EQ(Bytes(), before);
   SqliteFile file(path_);
   EXPECT_EQ(file.QueryText("SELECT group_concat(sql, ';') FROM sqlite_master WHERE type='table'"),

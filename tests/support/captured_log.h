@@ -38,12 +38,6 @@ class CapturedLog {
     std::lock_guard<std::mutex> lock(lock_);
     return records_;
   }
-  std::vector<std::string> Messages() const {
-    std::vector<std::string> out;
-    for (auto const& r : Records()) out.push_back(r.message);
-    return out;
-  }
-  // Records whose function name is `function`.
   std::vector<CapturedRecord> ByFunction(std::string const& function) const {
     std::vector<CapturedRecord> out;
     for (auto const& r : Records())

@@ -1,14 +1,10 @@
 // Settings as trees: GetItem/SetItem/DelItem, the read-only rule, ForEach, MakeRefRange,
 // exceptions turned into results and the formatters.
 
-#include <fmt/format.h>
-
 #include <functional>
 #include <stdexcept>
 
-#include "settings_manager/format.h"
 #include "support/settings.h"
-#include "uvc/format.h"
 #include "uvc/tree.h"
 
 namespace test_support {
@@ -106,9 +102,6 @@ TEST(Results, ExceptionsBecomeCodesAndFormattersPrintCodeTexts) {
     }
     EXPECT_EQ(caught, result);
   }
-  EXPECT_EQ(fmt::format("{} {} [{}]", uvc::IdState::IndexTooBig, uvc::Result{Code(0x8000004Cu), ""},
-                        uvc::Path{K("a"), I(65536)}),
-            "2 Not found = 0x8000004c [<path to str fail: state = 2>]");
 }
 
 }  // namespace
