@@ -78,6 +78,9 @@ TEST_F(Coherence, EveryChangeIsDecidedAgainstTheFileAsItIs) {
   for (auto const& [who, kind, key, value, rc] : steps)
     EXPECT_RC((who == 'a' ? a : b).Change(kind, key, value), rc) << who << kind << key << value;
   EXPECT_EQ(Coherent(), "s={};s/keep=0;s/x=1;s/y=3;");
+  for (int i = 1; i < 1600; ++i) ASSERT_EQ(a.Change('v', "s/keep", std::to_string(i)), 0);
+  // The log keeps the last 1024 changes and at most 256 more.
+  EXPECT_LE(test_support::SqliteFile(db).QueryInt("SELECT count(*) FROM changes"), 1024 + 256);
 }
 
 // Four writer processes race on shared keys and keys of their own; in later rounds a fifth
