@@ -71,6 +71,8 @@ TEST(Hostile, CallsTooDeepOrMetByAFullDiskAreRefusedWithTheirReason) {
        kOutOfRange, "Setting too deep: a path of 256 levels and more than 0 levels"},
       {SQLITE_FULL, [&] { return c.creator->CreateSetting(P("n"), Setting(1.0)); }, kInvalidResult,
        "[SMDB] Set: commit: database or disk is full"},
+      {SQLITE_FULL, [&] { return c.deleter->DeleteSetting(P("m")); }, kInvalidResult,
+       "[SMDB] Del: commit: database or disk is full"},
   };
   auto const tree = TreeOf(c);
   auto const rows = SqliteFile(db).DataRows();
