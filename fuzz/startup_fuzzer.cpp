@@ -19,6 +19,7 @@
 #include "fuzz_input.h"
 #include "settings_manager/settings_manager.h"
 #include "support/fault_vfs.h"
+#include "support/roles.h"
 #include "support/sqlite_file.h"
 #include "tern/logger/tern_logger.h"
 
@@ -86,27 +87,21 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     return 0;
   }
   {
-    std::shared_ptr<sm::ISettingsGetter> getter;
-    std::shared_ptr<sm::ISettingsSetter> setter;
-    std::shared_ptr<sm::ISettingsCreator> creator;
-    std::shared_ptr<sm::ISettingsDeleter> deleter;
-    manager->GetSettingsGetter(getter);
-    manager->GetSettingsSetter(setter);
-    manager->GetSettingsCreator(creator);
-    manager->GetSettingsDeleter(deleter);
+    test_support::Roles roles;
+    roles.From(*manager);
     for (std::size_t n = 0; n < items.size() && n < 8; ++n) {
       auto [p, state] = uvc::FromString(items[n].path, sm::meta::GetIdSpecification());
       if (state != uvc::IdState::Ok) continue;
       sm::Setting value;
-      int const got = getter->GetSetting(p, value);
+      int const got = roles.getter->GetSetting(p, value);
       if (got > 0) __builtin_trap();
       if (got == 0) {
-        setter->SetSetting(p, sm::Setting(std::int32_t{5}));
-        setter->SetAttribute(p, sm::Attributes{true});
+        roles.setter->SetSetting(p, sm::Setting(std::int32_t{5}));
+        roles.setter->SetAttribute(p, sm::Attributes{true});
       } else {
-        creator->CreateSetting(p, sm::Setting(true));
+        roles.creator->CreateSetting(p, sm::Setting(true));
       }
-      if (n % 3 == 2) deleter->DeleteSetting(p);
+      if (n % 3 == 2) roles.deleter->DeleteSetting(p);
     }
   }
   manager.reset();

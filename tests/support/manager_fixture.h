@@ -14,6 +14,7 @@
 #include "settings_manager/settings_manager.h"
 #include "settings_manager/tree_access.h"
 #include "support/captured_log.h"
+#include "support/roles.h"
 #include "support/settings.h"
 #include "support/sqlite_file.h"
 #include "support/temp_dir.h"
@@ -23,25 +24,6 @@ namespace test_support {
 using tern::logger::LogLevel;
 
 constexpr char kManagerSource[] = "settings_manager/src/settings_manager";
-
-// The six role interfaces of one manager.
-struct Roles {
-  // Fills every pointer from `manager`; true when all six accessors answered 0.
-  bool From(settings_manager::ISettingsManager& manager) {
-    return manager.GetSettingsCreator(creator) == 0 && manager.GetSettingsGetter(getter) == 0 &&
-           manager.GetSettingsValueSetter(valueSetter) == 0 &&
-           manager.GetSettingsSetter(setter) == 0 && manager.GetSettingsDeleter(deleter) == 0 &&
-           manager.GetSettingsUpdateSubscriber(subscriber) == 0;
-  }
-  void Reset() { *this = Roles(); }
-
-  std::shared_ptr<settings_manager::ISettingsCreator> creator;
-  std::shared_ptr<settings_manager::ISettingsGetter> getter;
-  std::shared_ptr<settings_manager::ISettingsValueSetter> valueSetter;
-  std::shared_ptr<settings_manager::ISettingsSetter> setter;
-  std::shared_ptr<settings_manager::ISettingsDeleter> deleter;
-  std::shared_ptr<settings_manager::ISettingsUpdateSubscriber> subscriber;
-};
 
 class ManagerTest : public ::testing::Test, protected Roles {
  protected:
